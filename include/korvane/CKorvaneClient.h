@@ -1,0 +1,206 @@
+// CKorvaneClient: the library's facade. An application creates one object,
+// opens its session with the Korvane service with Init, opens logical
+// database connections (integer handles) with GetConnexion, runs its database
+// operations on them, and ends with Free or by destroying the object.
+//
+// Every operation returns an int result code (KvnDefs.h): 0 for success, a
+// negative code for a failure, and for the row and column operations the
+// outcomes KVN_NO_DATA (100) and KVN_NULL_DATA (101). Nothing throws.
+//
+// Texts are wide strings (wchar_t) on every platform.
+#ifndef KORVANE_CKORVANECLIENT_H
+#define KORVANE_CKORVANECLIENT_H
+
+#include <atomic>
+
+#include <korvane/CMsgSocketClient.h>
+#include <korvane/CParam.h>
+#include <korvane/CParamComm.h>
+#include <korvane/KvnDefs.h>
+#include <korvane/KvnExport.h>
+#include <korvane/platform/CMutex.h>
+#include <korvane/platform/CPtrArray.h>
+#include <korvane/platform/CString.h>
+#include <korvane/platform/DStr.h>
+#include <korvane/platform/KvnTypes.h>
+
+class CConnexionKorvane;
+
+class KVN_API CKorvaneClient {
+public:
+    CKorvaneClient();
+    virtual ~CKorvaneClient();
+
+    CKorvaneClient(const CKorvaneClient&) = delete;
+    CKorvaneClient& operator=(const CKorvaneClient&) = delete;
+
+    // ---- Session ----------------------------------------------------------
+    // Opens the session with the service at host:port (portServiceLoader: the
+    // loader next to it, 0 or less for none). dbType receives the database
+    // type of the service. logLevel and logPath set up the log, once per
+    // process. hWnd receives the notification messages (may be null).
+    // 0, or -2 (the reason is in GetLastError and, at log level 3, the log).
+    // host is cut to 19 characters and nomApplication to 127.
+    int Init(const wchar_t* host, int port, int portServiceLoader, const wchar_t* nomApplication,
+             int& dbType, int logLevel, const wchar_t* logPath, HWND hWnd);
+    void Free();
+
+    int GetPortHost();
+    // Copies the service's host into buffer (room for 20 characters); does
+    // nothing when buffer is null.
+    void GetAdresseHost(wchar_t* buffer);
+    BOOL IsAppliConnected();
+    int GetDBType();
+
+    // Events of the link to the service; all auto-reset. They belong to the
+    // object: wait on them, never close them.
+    HANDLE GetEventPerteComm();
+    HANDLE GetEventCommOK();
+    HANDLE GetEventCommModified();
+    HANDLE GetEventHB();
+    HANDLE GetEventWarningFermetureForcee();
+    HANDLE GetEventFermetureForcee();
+    HANDLE GetEventKorvaneClosed();
+
+    // ---- Result codes and error texts ---------------------------------------
+    // The English text of a result code; always KVN_NO_ERROR. The wchar_t*
+    // overload writes into a caller buffer of at least 90 characters.
+    int GetErrorTxt(int code, DStr& text);
+    int GetErrorTxt(int code, CString& text);
+    int GetErrorTxt(int code, wchar_t* text);
+    // The French sentence of the last failure of Init or GetConnexion.
+    DStr GetLastError();
+
+    // ---- Logical connections ---------------------------------------------------
+    // A new handle (1 or more), or a negative result code.
+    int GetConnexion();
+    // 0 when the connection was found and deleted, -2 otherwise.
+    int FreeConnexion(int hCnx);
+    BOOL IsConnexionConnected(int hCnx);
+
+    // ---- Statements ----------------------------------------------------------
+    // resultat receives the integer the service returns beside its status.
+    int Execute(int hCnx, const wchar_t* requete, int& resultat);
+
+    // ---- Selects -------------------------------------------------------------
+    int ExecuteSelect(int hCnx, const wchar_t* requete, int& resultat);
+    int ExecuteSelect(int hCnx, DStr& requete, int& resultat);
+    int ExecuteSelect(int hCnx, CString& requete, int& resultat);
+    // 0 when a new row is current, KVN_NO_DATA when there are no more rows,
+    // else a result code. Fetch never answers 0 without a new current row.
+    int Fetch(int hCnx);
+    int GetLine(int hCnx, int nbLignes);
+    int LibereStatment(int hCnx);
+
+    // ---- Columns of the current row (col from 1) ----------------------------------
+    // 0, KVN_NO_DATA (no row or no such column), KVN_NULL_DATA (NULL value),
+    // KVN_ERROR_DATATYPE (not convertible), or a result code.
+    int GetData(int hCnx, int col, long& valeur);
+    int GetData(int hCnx, int col, short& valeur);
+    int GetData(int hCnx, int col, __int64& valeur);
+    int GetData(int hCnx, int col, double& valeur);
+    int GetData(int hCnx, int col, GUID& valeur);
+    int GetData(int hCnx, int col, SYSTEMTIME& valeur);
+    int GetData(int hCnx, int col, CParam& valeur);
+    int GetData(int hCnx, int col, CString& valeur);
+    int GetData(int hCnx, int col, DStr& valeur);
+    // No length is passed: the caller's buffer must hold the longest text of
+    // the column plus its terminator. The library never writes more than the
+    // value's own text and one terminating zero.
+    int GetData(int hCnx, int col, wchar_t* valeur);
+
+    // ---- Stored procedures ------------------------------------------------------
+    int ClearStoredProcParams(int hCnx);
+    // colonne from 1, in order; sens KVN_PARAM_IN/INOUT/OUT; type SQL_C_...;
+    // valeur the application's variable (for IN/OUT and OUT it receives the
+    // returned value and must stay valid until ExecStoredProc returns);
+    // taille the length of a text.
+    int SetStoredProcParams(int hCnx, int colonne, int sens, int type, void* valeur,
+                            unsigned int taille);
+    int AddStoredProcParams(int hCnx, int sens, int type, void* valeur, unsigned int taille);
+    int ExecStoredProc(int hCnx, const wchar_t* nomProc, int nOptionProc);
+    int ExecStoredProc(int hCnx, DStr& nomProc, int nOptionProc);
+    int ExecStoredProc(int hCnx, CString& nomProc, int nOptionProc);
+
+    // ---- Bound parameters and direct requests -----------------------------------
+    // colonne 1 to 128; a null valeur or taille 0 binds a NULL.
+    int BindParameter(int hCnx, int colonne, int type, void* valeur, unsigned int taille);
+    int ExecuteBind(int hCnx, const wchar_t* requete, int& resultat);
+    int ExecuteRequete(int hCnx, const wchar_t* requete);
+
+    // ---- Schema ---------------------------------------------------------------------
+    int IsTableExist(int hCnx, const wchar_t* table, int& existe);
+    int IsColumnExist(int hCnx, const wchar_t* table, const wchar_t* nomColonne, int& existe);
+    int GetColumns(int hCnx, const wchar_t* table, int& nbColonnes, DStr& noms, DStr& types);
+
+    // ---- Service error text and test request ---------------------------------------
+    int GetLastErrorConnexion(int hCnx, DStr& text);
+    int SendTest(int hCnx);
+
+protected:
+    int m_GetIdApplication();
+    int m_SendToServiceLoader(const char* host, int port);
+    void m_CloseThreads();
+    void m_NotifyComLost();
+    void m_ClearConnexionList();
+
+    // Connection registry.
+    int m_AddConnexionList(CConnexionKorvane* cnx);
+    CConnexionKorvane* m_GetConnexionByIdList(int hCnx);
+    CConnexionKorvane* m_GetLastConnexionList();
+    int m_DelConnexionList(int hCnx);
+    void m_DeconnecteAllConnexionList();
+    void m_IncConnected();
+    void m_DecConnected();
+
+    // Copies column col of the current row into valeur; sets the connection's
+    // status (0 found, -2/100 not found). Always 0.
+    int m_GetData(CConnexionKorvane* cnx, int hCnx, int col, CParam& valeur);
+
+    // ---- Fields -----------------------------------------------------------------------
+    // Fields that background threads and the application's threads share are
+    // atomic; the others are written only while no thread of the object runs.
+    DStr m_lastError;
+    HWND m_hWnd;
+    std::atomic<DWORD> m_dwLastHeartBeat;
+    CPtrArray m_listConnexion;
+    CMutex m_mutexConnected;
+    CMutex m_mutexAccesList;
+    CMutex m_mutexGetConnexion;
+    CMutex m_mutexReInit;
+    HANDLE m_hEvtPerteComm;
+    HANDLE m_hEvtCommOK;
+    HANDLE m_hEvtCommModified;
+    HANDLE m_hEvtWarningFermetureForcee;
+    HANDLE m_hEvtFermetureForcee;
+    HANDLE m_hEvtKorvaneClosed;
+    HANDLE m_hEvtHB;
+    HANDLE m_hEvtPerteCommInterne;
+    wchar_t m_szAdresseHost[20];
+    int m_nPortHost;
+    int m_nPortServiceLoader;
+    std::atomic<SOCKET> m_sockPrincipale;
+    std::atomic<BOOL> m_bSockPrincipaleConnected;
+    std::atomic<BOOL> m_bAppliInitialisee;
+    HANDLE m_hWsaEvtPrincipale;
+    HANDLE m_hEvtStopThreads;
+    HANDLE m_hEvtStopSockPrincipale;
+    HANDLE m_hEvtThreadCnxStarted;
+    CParamComm m_paramComm;
+    std::atomic<int> m_nIdApplication;
+    std::atomic<BOOL> m_bInit;
+    wchar_t m_szNomApplication[128];
+    HANDLE m_hThreadSockPrincipale;
+    std::atomic<HANDLE> m_hThreadHeartBeat;
+    std::atomic<int> m_nNbConnected;
+    int m_nNextIdConnexion;
+    std::atomic<BOOL> m_bAllConnected;
+    std::atomic<int> m_nDBType;
+
+    friend unsigned ThreadSockPrincipale(void* arg);
+    friend unsigned ThreadHeartBeat(void* arg);
+    friend unsigned ThreadSockClient(void* arg);
+    friend void EnvoiRequeteCnx(CConnexionKorvane* cnx);
+};
+
+#endif

@@ -1,0 +1,22 @@
+// CParamComm: the communication parameters that the client and every message
+// object carry: time-outs and attempt counts of the exchange, and the
+// coordinates of the service's heartbeat. The service returns its own values
+// in its answer to KVN_INIT_APPLICATION; until then the client uses the
+// defaults below. The record is copied as a whole.
+#ifndef KORVANE_CPARAMCOMM_H
+#define KORVANE_CPARAMCOMM_H
+
+struct CParamComm {
+    int nTimeOutConnect = 3000; // ms, every TCP connect to the service
+    int nNbRetrySend = 2;       // attempts of an acknowledged send
+    int nTimeOutAck = 1000;     // ms, upper bound of the acknowledgement wait
+    int nParam3 = 0;            // kept as the service sent it; not read
+    int nPeriodeHB = 4000;      // ms between two heartbeats
+    int nNbPeriodeHB = 3;       // periods without heartbeat before a loss
+    int nPortHB = 0;            // UDP port of the heartbeat
+    int bMulticastHB = 0;       // non-zero: multicast group; 0: broadcast
+    int nReserved = 0;          // neither set nor read
+    wchar_t szAdresseHB[20] = {}; // multicast group address, zero-terminated
+};
+
+#endif
