@@ -28,6 +28,7 @@ struct KVN_API CEnteteMsgSocket {
     signed char bUnicode;        // 1: texts are UTF-16LE; 0: one byte a character
 
     CEnteteMsgSocket();
+    CEnteteMsgSocket(const CEnteteMsgSocket& src) = default;
     CEnteteMsgSocket& operator=(const CEnteteMsgSocket& src);
 };
 #pragma pack(pop)
@@ -62,8 +63,12 @@ public:
     // 0 for one byte a character). 1, or 0 without a header or out of memory.
     int CreateMessage(int unicode);
     // Decodes the body `data` described by `entete`; 0 when data is null.
+    // The caller guarantees entete.nTailleData bytes at data; within them,
+    // records that do not fit or cannot be read are dropped or end the
+    // decoding, never read beyond the body.
     int AnalyseMessage(CEnteteMsgSocket& entete, BYTE* data);
-    // The first 16 bytes of message are the header, the body follows.
+    // The first 16 bytes of message are the header, the body follows; the
+    // caller guarantees 16 + nTailleData bytes at message.
     int AnalyseMessageComplet(BYTE* message);
     void ClearMessage();
 
@@ -112,7 +117,7 @@ protected:
     void AfficheMessage(const wchar_t* titre);
 
     CEnteteMsgSocket m_entete;
-    BYTE* m_pMessage;         // whole encoded message, or the received body
+    BYTE* m_pMessage;         // whole message (header and body), encoded or received; new[]
     int m_nTailleMessage;     // nTailleData + 16
     CPtrArray m_listParam;    // CParam*, owned
     int m_nNbParam;

@@ -43,7 +43,7 @@ public:
     short nTaille;         // characters for text, bytes otherwise, 18 for a timestamp
     BOOL bNull;            // non-zero: the value is NULL
     CValNum valNum;        // SQL_C_LONG, SQL_C_DOUBLE, SQL_C_SBIGINT
-    wchar_t* pszValeur;    // owned zero-terminated text of SQL_C_CHAR and SQL_C_WCHAR
+    wchar_t* pszValeur;    // owned zero-terminated text of SQL_C_CHAR and SQL_C_WCHAR (new[])
     KvnTimestamp dateValeur; // SQL_C_TIMESTAMP
     GUID guidValeur;       // SQL_C_GUID
 
@@ -62,7 +62,7 @@ class KVN_API CParamProc : public CParam {
 public:
     int nSens;              // KVN_PARAM_IN, KVN_PARAM_INOUT, KVN_PARAM_OUT
     void* pVariable;        // the application's variable of an OUT or IN/OUT parameter
-    BOOL bVariableAllouee;  // the object owns pVariable (the library always leaves it 0)
+    BOOL bVariableAllouee;  // the object owns pVariable, a malloc block (the library leaves it 0)
 
     CParamProc();
     CParamProc(const CParamProc& src);

@@ -16,7 +16,10 @@ struct CParamComm {
     int nPortHB = 0;            // UDP port of the heartbeat
     int bMulticastHB = 0;       // non-zero: multicast group; 0: broadcast
     int nReserved = 0;          // neither set nor read
-    wchar_t szAdresseHB[20] = {}; // multicast group address, zero-terminated
+    // Multicast group address, zero-terminated; when the service sent a text
+    // of 20 characters or more, its first 20 characters without terminator
+    // (the heartbeat supervision refuses such an address).
+    wchar_t szAdresseHB[20] = {};
 };
 
 #endif

@@ -1,0 +1,190 @@
+// The message trace: the lines a message dump writes at each log level, as
+// they reach the request log, and the names of the function codes.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <korvane/CMsgSocket.h>
+
+#include "diag/Log.h"
+
+namespace {
+
+class TracedMsg : public CMsgSocket {
+public:
+    using CMsgSocket::AfficheMessage;
+};
+
+// The request log of one test, in the temporary folder, read back line by line.
+class MessageTrace : public ::testing::Test {
+protected:
+    void StartLog(int level) {
+        auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+        m_path = std::filesystem::temp_directory_path() /
+                 ("kvn_trace_" + std::to_string(stamp) + "_" +
+                  ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".log");
+        InitLog(level, m_path.wstring().c_str(), 0);
+    }
+
+    void TearDown() override {
+        KvnResetLogForTests();
+        std::error_code ignored;
+        std::filesystem::remove(m_path, ignored);
+    }
+
+    std::string Raw() {
+        std::ifstream in(m_path, std::ios::binary);
+        std::stringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+
+    // The logged lines, without the blank that the request log puts in front
+    // of each and without its line ends.
+    std::vector<std::string> Lines() {
+        std::vector<std::string> lines;
+        std::stringstream s(Raw());
+        std::string line;
+        while (std::getline(s, line, '\n')) {
+            std::string text;
+            for (char c : line)
+                if (c != '\r') text += c;
+            if (text.empty()) continue;
+            if (text[0] == ' ') text.erase(0, 1);
+            lines.push_back(text);
+        }
+        return lines;
+    }
+
+    std::filesystem::path m_path;
+};
+
+// An EXECUTE answer of five parameters, encoded so that its header is complete.
+void FiveParameters(TracedMsg& m) {
+    m.SetEntete(7, KVN_EXECUTE, 3);
+    const wchar_t* sql = L"SELECT 1";
+    m.AddParametre(SQL_C_WCHAR, 8, sql);
+    std::int32_t twelve = 12, five = 5;
+    double d = 2.5;
+    m.AddParametre(SQL_C_LONG, 0, &twelve);
+    m.AddParametre(SQL_C_LONG, 0, nullptr);
+    m.AddParametre(SQL_C_DOUBLE, 0, &d);
+    m.AddParametre(SQL_C_LONG, 0, &five);
+    m.CreateMessage(-1);
+}
+
+const std::vector<std::string> kHeaderLines = {
+    "   Id Application = 7",   "   Id Connexion = 3", "   Fonction = 101 (KVN_EXECUTE)",
+    "   Nb param = 5",         "   Taille data = 47 bytes", "   unicode = 1",
+};
+
+std::vector<std::string> Join(std::vector<std::vector<std::string>> parts) {
+    std::vector<std::string> all;
+    for (auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
+}  // namespace
+
+TEST(FunctionNames, WithAndWithoutPrefix) {
+    wchar_t nom[29];
+    EXPECT_STREQ(L"KVN_EXECUTE", GetNomFonction(101, nom, 1));
+    EXPECT_STREQ(L"EXECUTE", GetNomFonction(101, nom, 0));
+    EXPECT_STREQ(L"KVN_ERROR_MAX_CLIENT_ATTEINT", GetNomFonction(-54, nom, 1));
+    EXPECT_STREQ(L"KVN_INIT_OK", GetNomFonction(0, nom, 1));
+    EXPECT_STREQ(L"REQUETE_METABASE", GetNomFonction(120, nom, 0));
+    EXPECT_STREQ(L"INCONNUE", GetNomFonction(1, nom, 1));  // the acknowledgement has no name
+    EXPECT_STREQ(L"INCONNUE", GetNomFonction(121, nom, 0));
+}
+
+TEST_F(MessageTrace, BelowLevelSixNothingIsWritten) {
+    StartLog(5);
+    TracedMsg m;
+    FiveParameters(m);
+    m.AfficheMessage(L"envoi");
+    EXPECT_TRUE(Lines().empty());
+}
+
+TEST_F(MessageTrace, AtLevelSixTheHeaderAndTheFirstFourValues) {
+    StartLog(6);
+    TracedMsg m;
+    FiveParameters(m);
+    m.AfficheMessage(L"envoi");
+    EXPECT_EQ(Join({{"---------------------------------------- envoi"},
+                    kHeaderLines,
+                    {"      Param 0: valeur = SELECT 1", "      Param 1: valeur = 12",
+                     "      Param 2: valeur = NULL", "      Param 3: valeur = 2.500000",
+                     "----------------------------------------"}}),
+              Lines());
+}
+
+TEST_F(MessageTrace, AtLevelSevenEveryParameterInDetail) {
+    StartLog(7);
+    TracedMsg m;
+    FiveParameters(m);
+    m.AfficheMessage(nullptr);
+    EXPECT_EQ(Join({kHeaderLines,
+                    {"      Param 0: type = 248 (SQL_C_CHAR)", "      Param 0: taille = 8",
+                     "      Param 0: valeur = SELECT 1",
+                     "      Param 1: type = 4 (SQL_C_LONG)", "      Param 1: taille = 4",
+                     "      Param 1: valeur = 12",
+                     // the encoder set the NULL value's size to -1
+                     "      Param 2: type = 4 (SQL_C_LONG)", "      Param 2: taille = -1",
+                     "      Param 2: valeur = NULL",
+                     "      Param 3: type = 8 (SQL_C_DOUBLE)", "      Param 3: taille = 8",
+                     "      Param 3: valeur = 2.500000",
+                     "      Param 4: type = 4 (SQL_C_LONG)", "      Param 4: taille = 4",
+                     "      Param 4: valeur = 5"}}),
+              Lines());
+}
+
+TEST_F(MessageTrace, AHeaderOnlyMessageShowsItsSixLines) {
+    StartLog(7);
+    TracedMsg m;
+    m.SetEntete(0, KVN_INIT_APPLICATION, 0);
+    m.AfficheMessage(L"init");
+    EXPECT_EQ((std::vector<std::string>{"---------------------------------------- init",
+                                        "   Id Application = 0", "   Id Connexion = 0",
+                                        "   Fonction = 20 (KVN_INIT_APPLICATION)",
+                                        "   Nb param = 0", "   Taille data = 0 bytes",
+                                        "   unicode = 0",
+                                        "----------------------------------------"}),
+              Lines());
+}
+
+TEST_F(MessageTrace, FortyParametersShowThirtyOneThenTheSqueezeLine) {
+    StartLog(7);
+    TracedMsg m;
+    m.SetEntete(7, KVN_GETLINE, 3);
+    for (std::int32_t i = 0; i < 40; ++i) m.AddParametre(SQL_C_LONG, 0, &i);
+    m.AfficheMessage(nullptr);
+    std::vector<std::string> lines = Lines();
+    ASSERT_EQ(6u + 31 * 3 + 1, lines.size());
+    EXPECT_EQ("      Param 30: valeur = 30", lines[lines.size() - 2]);
+    EXPECT_EQ("ETC...squeeze de 9 param...", lines.back());
+}
+
+// A value longer than the 32000-character value buffer shows the characters
+// it really has, up to 32000, then "...".
+TEST_F(MessageTrace, AVeryLongValueIsCutWithAnEllipsis) {
+    StartLog(6);
+    TracedMsg m;
+    m.SetEntete(7, KVN_EXECUTE, 3);
+    std::wstring text(32500, L'x');
+    m.AddParametre(SQL_C_CHAR, 32500, text.c_str());
+    m.AfficheMessage(nullptr);
+
+    // Long lines reach the file in chunks: join them back.
+    std::string joined;
+    for (char c : Raw())
+        if (c != '\r' && c != '\n') joined += c;
+    std::string expected = "Param 0: valeur = " + std::string(32000, 'x') + "...";
+    EXPECT_NE(std::string::npos, joined.find(expected));
+    EXPECT_EQ(std::string::npos, joined.find(std::string(32001, 'x')));
+}
