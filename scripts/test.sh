@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Installs what is needed, builds, and runs every test:
+#  1. Linux build, all tests;
+#  2. address + undefined-behaviour sanitizers, all tests;
+#  3. thread sanitizer, all tests;
+#  4. the installed CMake package consumed by a small application;
+#  5. Windows: the 32-bit KorvaneClientU.dll built and link-checked, the
+#     64-bit test programs run under Wine;
+#  6. a short run of the decoder's fuzz target.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+jobs=${KVN_JOBS:-$(nproc)}
+
+scripts/install-deps.sh test
+
+build_and_test() {
+  local dir=$1; shift
+  echo "== $dir: configure and build"
+  cmake -S "$root" -B "$dir" -DKVN_BUILD_TOOLS=OFF "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs" >/dev/null
+  echo "== $dir: tests"
+  (cd "$dir" && ctest -j"$jobs" --output-on-failure)
+}
+
+build_and_test build-ci
+build_and_test build-ci-asan -DKVN_SANITIZE=address,undefined
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  build_and_test build-ci-tsan -DKVN_SANITIZE=thread
+
+echo "== installed package"
+scripts/check-install.sh build-ci
+
+if [ -x scripts/windows-build.sh ]; then
+  echo "== Windows"
+  scripts/windows-build.sh
+fi
+
+if [ -x fuzz/run.sh ]; then
+  echo "== fuzzing the decoder"
+  fuzz/run.sh 30
+fi
+echo "== all checks passed"
