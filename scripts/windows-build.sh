@@ -126,9 +126,11 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
 fi
 
 echo "== build-win64: tests under Wine"
+# One persistent Wine server for every test program: a server that ends
+# between two programs can drop the one starting at that moment.
+"$wineserver" -p
 status=0
 (cd "$win64" && ctest -j2 --output-on-failure --no-tests=error) || status=$?
-# Lets the Wine server end with the last test program instead of lingering.
-timeout 60 "$wineserver" -w || true
+timeout 60 "$wineserver" -k || true
 [ "$status" -eq 0 ] || fail "tests failed under Wine"
 echo "== Windows: all checks passed"

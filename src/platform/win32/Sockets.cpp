@@ -72,7 +72,8 @@ DWORD KvnInetAddr(const char* text) {
 }
 
 BOOL KvnResolveHost(const char* host, DWORD* address) {
-    if (!host || !address) {
+    // An empty name is no host (some resolvers answer it with a local address).
+    if (!host || !*host || !address) {
         WSASetLastError(WSAEINVAL);
         return FALSE;
     }
