@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/TestUtil.h"
 #include "diag/Log.h"
 #include "diag/OwnedMutex.h"
 #include "platform/DebugOutput.h"
@@ -18,11 +19,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
+using kvntest::Clock;
+using kvntest::MsSince;
 
 struct Captured {
     std::mutex lock;

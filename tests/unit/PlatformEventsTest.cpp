@@ -7,28 +7,15 @@
 #include <chrono>
 #include <thread>
 
+#include "support/TestUtil.h"
 #include "platform/Kernel.h"
 #include "platform/Threads.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-// Closes the handle at the end of the test.
-struct Handle {
-    HANDLE h;
-    explicit Handle(HANDLE handle) : h(handle) {}
-    ~Handle() {
-        if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
-    }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    operator HANDLE() const { return h; }
-};
+using kvntest::Clock;
+using kvntest::MsSince;
+using kvntest::Handle;
 
 // Waits (briefly, a bounded number of times) until counter reaches value.
 bool ReachesWithin(const std::atomic<int>& counter, int value, int ms) {

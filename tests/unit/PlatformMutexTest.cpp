@@ -10,29 +10,17 @@
 
 #include <korvane/platform/CMutex.h>
 
+#include "support/TestUtil.h"
 #include "platform/Kernel.h"
 #include "platform/Threads.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
+using kvntest::Clock;
+using kvntest::MsSince;
+using kvntest::Handle;
 
 const DWORD kNotOwner = 288;  // ERROR_NOT_OWNER
-
-struct Handle {
-    HANDLE h;
-    explicit Handle(HANDLE handle) : h(handle) {}
-    ~Handle() {
-        if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
-    }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    operator HANDLE() const { return h; }
-};
 
 // What another thread gets from a wait on h with the given time-out.
 DWORD WaitFromAnotherThread(HANDLE h, DWORD timeoutMs, bool releaseAfter = true) {

@@ -8,16 +8,14 @@
 
 #include <korvane/platform/NotifyWindow.h>
 
+#include "support/TestUtil.h"
 #include "platform/Messages.h"
 #include "platform/Threads.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
+using kvntest::Clock;
+using kvntest::MsSince;
 
 struct Window {
     HWND h = KvnCreateNotifyWindow();

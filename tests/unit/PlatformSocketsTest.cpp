@@ -11,17 +11,15 @@
 #include <thread>
 #include <vector>
 
+#include "support/TestUtil.h"
 #include "platform/Kernel.h"
 #include "platform/Sockets.h"
 #include "platform/Threads.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
+using kvntest::Clock;
+using kvntest::MsSince;
 
 bool IsOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
 

@@ -6,27 +6,15 @@
 #include <atomic>
 #include <chrono>
 
+#include "support/TestUtil.h"
 #include "platform/Kernel.h"
 #include "platform/Threads.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-struct Handle {
-    HANDLE h;
-    explicit Handle(HANDLE handle) : h(handle) {}
-    ~Handle() {
-        if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
-    }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    operator HANDLE() const { return h; }
-};
+using kvntest::Clock;
+using kvntest::MsSince;
+using kvntest::Handle;
 
 // What a test thread is given: it waits for `go`, then marks `done`.
 struct Job {

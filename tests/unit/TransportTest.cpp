@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/TestUtil.h"
 #include "diag/Log.h"
 #include "net/Transport.h"
 #include "platform/Sockets.h"
@@ -23,11 +24,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
+using kvntest::Clock;
+using kvntest::MsSince;
 
 void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
