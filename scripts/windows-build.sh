@@ -127,8 +127,11 @@ fi
 
 echo "== build-win64: tests under Wine"
 # One persistent Wine server for every test program: a server that ends
-# between two programs can drop the one starting at that moment.
+# between two programs can drop the one starting at that moment. Its
+# background services are started here, with their output going nowhere:
+# started by a test program they would inherit (and hold open) ctest's pipe.
 "$wineserver" -p
+timeout 120 "$wine64" wineboot </dev/null >/dev/null 2>&1 || true
 status=0
 (cd "$win64" && ctest -j2 --output-on-failure --no-tests=error) || status=$?
 timeout 60 "$wineserver" -k || true

@@ -11,6 +11,10 @@ namespace kvntest {
 
 using Clock = std::chrono::steady_clock;
 
+// Budgets measured on the millisecond tick count may end this much earlier
+// than a steady clock says: the Windows tick advances in steps of ~15.6 ms.
+constexpr long long kTickSlackMs = 20;
+
 inline long long MsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
