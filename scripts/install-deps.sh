@@ -4,10 +4,15 @@
 set -euo pipefail
 what=${1:-test}
 
-packages=(build-essential cmake googletest)
+packages=(build-essential cmake googletest libbenchmark-dev)
+# The service korvaned reaches its databases through unixODBC; its default
+# database is a SQLite file through the SQLite ODBC driver.
+packages+=(unixodbc-dev libsqliteodbc)
 if [ "$what" = test ]; then
   # Windows cross-build (32-bit DLL, 64-bit tests under Wine), fuzzing.
   packages+=(g++-mingw-w64-i686 g++-mingw-w64-x86-64 wine wine64 clang libclang-rt-14-dev)
+  # The service's tests against a PostgreSQL server started in a temporary directory.
+  packages+=(odbc-postgresql postgresql)
 fi
 
 missing=()

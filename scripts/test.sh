@@ -23,7 +23,7 @@ build_and_test() {
   (cd "$dir" && ctest -j"$jobs" --output-on-failure)
 }
 
-build_and_test build-ci
+build_and_test build-ci -DKVN_BUILD_BENCH=ON
 build_and_test build-ci-asan -DKVN_SANITIZE=address,undefined
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   build_and_test build-ci-tsan -DKVN_SANITIZE=thread
