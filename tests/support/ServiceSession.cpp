@@ -35,3 +35,19 @@ peer::Script MainLink(const SessionAnswer& answer, peer::Script then) {
         else AcknowledgeUntilClose(c);
     };
 }
+
+peer::Message AcceptConnexion(peer::Connection& c, int fonction, bool reinit) {
+    peer::Message request = c.Expect(reinit ? KVN_REINIT_CONNEXION : KVN_INIT_CONNEXION);
+    if (!request.complete) return request;
+    c.Ack(request);
+    c.Answer(peer::Msg(fonction, request.IdApplication(), request.IdConnexion()));
+    return request;
+}
+
+peer::Script ConnexionLink(peer::Script then) {
+    return [then](peer::Connection& c) {
+        AcceptConnexion(c);
+        if (then) then(c);
+        else AcknowledgeUntilClose(c);
+    };
+}

@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include <korvane/KvnDefs.h>
+
 #include "peer/ScriptedPeer.h"
 
 // What the service answers to a registration. The defaults are those of a
@@ -41,5 +43,15 @@ void AcknowledgeUntilClose(peer::Connection& c);
 // The main link of a session: RegisterApplication, then `then`, or
 // AcknowledgeUntilClose when there is no `then`.
 peer::Script MainLink(const SessionAnswer& answer, peer::Script then = nullptr);
+
+// Reads KVN_INIT_CONNEXION (or, with reinit, KVN_REINIT_CONNEXION),
+// acknowledges it and answers with function `fonction` (0 accepts) and the
+// request's ids, no parameter. The request read is returned.
+peer::Message AcceptConnexion(peer::Connection& c, int fonction = KVN_INIT_OK,
+                              bool reinit = false);
+
+// A logical connection's link: AcceptConnexion, then `then`, or
+// AcknowledgeUntilClose when there is no `then`.
+peer::Script ConnexionLink(peer::Script then = nullptr);
 
 #endif
