@@ -83,13 +83,26 @@ public:
     int Execute(int hCnx, const wchar_t* requete, int& resultat);
 
     // ---- Selects -------------------------------------------------------------
+    // resultat receives the integer the service returns beside the rows. An
+    // empty result is a success; the first Fetch then answers KVN_NO_DATA.
     int ExecuteSelect(int hCnx, const wchar_t* requete, int& resultat);
     int ExecuteSelect(int hCnx, DStr& requete, int& resultat);
     int ExecuteSelect(int hCnx, CString& requete, int& resultat);
     // 0 when a new row is current, KVN_NO_DATA when there are no more rows,
     // else a result code. Fetch never answers 0 without a new current row.
+    // When the buffered rows are used up it asks the service for the next
+    // block (GetLine with 0); if that request fails before an answer is
+    // stored (not sent, link down or lost, no answer in time), Fetch returns
+    // GetLine's own code (-52, -53, -63 ...) and no row is current; an answer
+    // that claims success yet brings no whole row gives KVN_ERROR_RECEIVE
+    // (-53 when the link went down meanwhile). After KVN_NO_DATA at the end
+    // of the rows, a further Fetch asks the service again.
     int Fetch(int hCnx);
+    // 0 when a block was appended, KVN_NO_DATA when the service has no more
+    // rows, else a result code.
     int GetLine(int hCnx, int nbLignes);
+    // 0 once the request was sent; no answer is awaited and the rows still
+    // buffered are kept.
     int LibereStatment(int hCnx);
 
     // ---- Columns of the current row (col from 1) ----------------------------------
@@ -106,7 +119,9 @@ public:
     int GetData(int hCnx, int col, DStr& valeur);
     // No length is passed: the caller's buffer must hold the longest text of
     // the column plus its terminator. The library never writes more than the
-    // value's own text and one terminating zero.
+    // value's own text and one terminating zero (a value without a text form
+    // leaves the buffer untouched). A null valeur is refused with
+    // KVN_ERROR_PARAMETER.
     int GetData(int hCnx, int col, wchar_t* valeur);
 
     // ---- Stored procedures ------------------------------------------------------
@@ -114,23 +129,45 @@ public:
     // colonne from 1, in order; sens KVN_PARAM_IN/INOUT/OUT; type SQL_C_...;
     // valeur the application's variable (for IN/OUT and OUT it receives the
     // returned value and must stay valid until ExecStoredProc returns);
-    // taille the length of a text.
+    // taille the length of a text (an IN text is read up to taille
+    // characters). Declaring an already declared position again replaces it
+    // and leaves the count of parameters as it was; a full table (64) refuses
+    // only new positions.
     int SetStoredProcParams(int hCnx, int colonne, int sens, int type, void* valeur,
                             unsigned int taille);
     int AddStoredProcParams(int hCnx, int sens, int type, void* valeur, unsigned int taille);
+    // On success the values returned for the OUT and IN/OUT parameters are
+    // copied, in order, into their variables: 4 bytes for a long, 8 for a
+    // double or a 64-bit integer, the 16-byte timestamp, a text with its
+    // terminator (no length limit: the variable must hold the longest text
+    // the procedure returns). A NULL value writes zero, or the empty text.
+    // A value whose type is not the parameter's stops the copy with
+    // KVN_ERROR_PARAMETER; an answer with fewer values than OUT and IN/OUT
+    // parameters gives KVN_ERROR_RECEIVE. In both cases the variables before
+    // the failing one have been written and the others are left alone.
     int ExecStoredProc(int hCnx, const wchar_t* nomProc, int nOptionProc);
     int ExecStoredProc(int hCnx, DStr& nomProc, int nOptionProc);
     int ExecStoredProc(int hCnx, CString& nomProc, int nOptionProc);
 
     // ---- Bound parameters and direct requests -----------------------------------
-    // colonne 1 to 128; a null valeur or taille 0 binds a NULL.
+    // colonne 1 to 128; a null valeur or taille 0 binds a NULL, a type that
+    // cannot be bound a NULL text; a text is read up to taille characters.
+    // Bound values last until the next answer on the connection: bind from
+    // position 1 immediately before each ExecuteBind.
     int BindParameter(int hCnx, int colonne, int type, void* valeur, unsigned int taille);
     int ExecuteBind(int hCnx, const wchar_t* requete, int& resultat);
     int ExecuteRequete(int hCnx, const wchar_t* requete);
 
     // ---- Schema ---------------------------------------------------------------------
+    // existe = 1 when the service's value is non-zero, else 0. Out-arguments
+    // are written only on success.
     int IsTableExist(int hCnx, const wchar_t* table, int& existe);
     int IsColumnExist(int hCnx, const wchar_t* table, const wchar_t* nomColonne, int& existe);
+    // GetColumns: nbColonnes, then the names and the types as the service
+    // laid them out in two texts (a NULL text reads as empty). An answer
+    // with fewer than three values, or whose count is not an integer or
+    // whose names or types are not texts, is refused with KVN_ERROR_RECEIVE
+    // and nothing is written.
     int GetColumns(int hCnx, const wchar_t* table, int& nbColonnes, DStr& noms, DStr& types);
 
     // ---- Service error text and test request ---------------------------------------
@@ -201,6 +238,9 @@ protected:
     friend unsigned ThreadHeartBeat(void* arg);
     friend unsigned ThreadSockClient(void* arg);
     friend void EnvoiRequeteCnx(CConnexionKorvane* cnx);
+    friend class CRequestFrame;
+    friend class CThreadSockClient;
+    friend class CThreadSockPrincipale;
 };
 
 #endif

@@ -1,0 +1,222 @@
+// The request frame shared by the database operations: the caller's half of
+// the hand-off whose other half is ThreadSockClient (src/client/).
+//
+// Lock order: mutexUseCnx, then m_mutexEnvoi (held only to publish or withdraw
+// the request; the connection's thread holds it while it sends, so withdrawing
+// waits for a send in progress and the request never dies while being sent).
+#include "operations/RequestFrame.h"
+
+#include <cwchar>
+
+#include "diag/Log.h"
+#include "platform/DebugOutput.h"
+#include "platform/Kernel.h"
+
+// How each exchanging operation departs from Execute. Fields: call site,
+// prefix, order, empties the row buffer, clears m_bMsgSended, send wait, no
+// answer, on a loss, send time-out is a time-out, optional lines.
+const KvnFrameVariant kFrameGetLastErrorConnexion = {
+    1, L"CKorvaneClient::GetLastErrorConnexion", KVN_TEST_THEN_LOCK,
+    false, false, KVN_SEND_WAIT_ERROR_TEXT_MS, false, KVN_LOSS_LOGGED, false, nullptr, nullptr};
+const KvnFrameVariant kFrameExecute = {
+    2, L"CKorvaneClient::Execute", KVN_TEST_THEN_LOCK,
+    true, true, KVN_SEND_WAIT_MS, false, KVN_LOSS_LOGGED, false, nullptr, nullptr};
+const KvnFrameVariant kFrameExecuteSelect = {
+    3, L"CKorvaneClient::ExecuteSelect", KVN_TEST_THEN_LOCK,
+    true, true, KVN_SEND_WAIT_MS, false, KVN_LOSS_LOGGED, false,
+    L"CKorvaneClient::ExecuteSelect reception evt msgSended",
+    L"CKorvaneClient::ExecuteSelect(): reception evt hEvtResultArrived"};
+const KvnFrameVariant kFrameGetLine = {
+    5, L"CKorvaneClient::GetLine", KVN_TEST_THEN_LOCK,
+    false, false, KVN_SEND_WAIT_MS, false, KVN_LOSS_READ_ANSWER, false, nullptr, nullptr};
+const KvnFrameVariant kFrameLibereStatment = {
+    6, L"CKorvaneClient::LibereStatment", KVN_TEST_THEN_LOCK,
+    false, false, KVN_SEND_WAIT_LIBERE_MS, true, KVN_LOSS_LOGGED, false, nullptr, nullptr};
+const KvnFrameVariant kFrameIsTableExist = {
+    15, L"CKorvaneClient::IsTableExist", KVN_LOCK_THEN_TEST,
+    false, false, KVN_SEND_WAIT_MS, false, KVN_LOSS_LOGGED, false, nullptr, nullptr};
+const KvnFrameVariant kFrameIsColumnExist = {
+    16, L"CKorvaneClient::IsColumnExist", KVN_LOCK_THEN_TEST,
+    false, false, KVN_SEND_WAIT_MS, false, KVN_LOSS_LOGGED, false, nullptr, nullptr};
+const KvnFrameVariant kFrameGetColumns = {
+    17, L"CKorvaneClient::GetColumns", KVN_LOCK_THEN_TEST,
+    false, false, KVN_SEND_WAIT_MS, false, KVN_LOSS_SILENT, false, nullptr, nullptr};
+const KvnFrameVariant kFrameExecStoredProc = {
+    21, L"CKorvaneClient::ExecStoredProc", KVN_LOCK_THEN_TEST,
+    false, false, KVN_SEND_WAIT_PROC_MS, false, KVN_LOSS_SILENT, true, nullptr, nullptr};
+const KvnFrameVariant kFrameExecuteBind = {
+    23, L"CKorvaneClient::ExecuteBind", KVN_LOCK_THEN_TEST,
+    true, true, KVN_SEND_WAIT_MS, false, KVN_LOSS_LOGGED, false, nullptr, nullptr};
+const KvnFrameVariant kFrameExecuteRequete = {
+    24, L"CKorvaneClient::ExecuteRequete", KVN_LOCK_THEN_TEST,
+    false, false, KVN_SEND_WAIT_MS, false, KVN_LOSS_LOGGED, false, nullptr, nullptr};
+
+namespace {
+
+// Outcomes of a wait, as the frame names them.
+const DWORD kWaitFirst = 0;      // msgSended, or hEvtResultArrived
+const DWORD kWaitLoss = 1;       // the client's m_hEvtPerteCommInterne
+const DWORD kWaitTimeOut = 258;  // the limit ran out
+
+// A wait for the first of `first` and the loss event. A wait that fails (an
+// event closed under a connection being deleted) counts as running out.
+DWORD WaitWithLoss(HANDLE first, HANDLE loss, DWORD timeoutMs) {
+    HANDLE handles[2] = {first, loss};
+    DWORD r = KvnWaitForMultipleObjects(2, handles, timeoutMs);
+    if (r == WAIT_OBJECT_0) return kWaitFirst;
+    if (r == WAIT_OBJECT_0 + 1) return kWaitLoss;
+    return kWaitTimeOut;
+}
+
+}  // namespace
+
+// ---- Shared steps --------------------------------------------------------------
+
+CConnexionKorvane* CRequestFrame::FindConnexion(CKorvaneClient* client, int hCnx, int nSite) {
+    CConnexionKorvane* cnx = client->m_GetConnexionByIdList(hCnx);
+    if (cnx == nullptr && nSite > 0) {
+        wchar_t line[64];
+        std::swprintf(line, sizeof(line) / sizeof(line[0]),
+                      (nSite == 11 || nSite == 13) ? L"\r\nError KVN_ERROR_HANDLE_CNX %d "
+                                                   : L"\r\nError KVN_ERROR_HANDLE_CNX %d  ",
+                      nSite);
+        KvnDebugOutput(line);
+    }
+    return cnx;
+}
+
+bool CRequestFrame::IsLinkUp(CKorvaneClient* client, CConnexionKorvane* cnx) {
+    return cnx->m_bConnected != 0 && client->m_bAllConnected != 0;
+}
+
+void CRequestFrame::PublishRequest(CConnexionKorvane* cnx, CMsgSocketClient* msg) {
+    cnx->m_mutexEnvoi.Lock(INFINITE);
+    cnx->m_pMsgAEnvoyer = msg;
+    cnx->m_mutexEnvoi.Unlock();
+}
+
+void CRequestFrame::WithdrawRequest(CConnexionKorvane* cnx) {
+    cnx->m_mutexEnvoi.Lock(INFINITE);
+    cnx->m_pMsgAEnvoyer = nullptr;
+    cnx->m_mutexEnvoi.Unlock();
+}
+
+CUseCnxLock::CUseCnxLock(CConnexionKorvane* cnx, const wchar_t* prefix)
+    : m_pCnx(cnx), m_bHeld(false) {
+    m_bHeld = cnx->mutexUseCnx.Lock(KVN_TIMEOUT_USE_CNX_MS) != FALSE;
+    if (!m_bHeld && prefix != nullptr) {
+        wchar_t line[128];
+        std::swprintf(line, sizeof(line) / sizeof(line[0]), L"%ls mutexUseCnx.Lock() ABANDON",
+                      prefix);
+        WriteLog(line, 15);
+        KvnDebugOutput(line);
+    }
+}
+
+CUseCnxLock::~CUseCnxLock() { Unlock(); }
+
+void CUseCnxLock::Unlock() {
+    if (m_bHeld) {
+        m_bHeld = false;
+        m_pCnx->mutexUseCnx.Unlock();
+    }
+}
+
+// ---- The frame --------------------------------------------------------------------
+
+CRequestFrame::CRequestFrame(CKorvaneClient* client, const KvnFrameVariant& variant)
+    : m_pClient(client), m_variant(variant), m_outcome(KVN_FRAME_NOT_RUN) {}
+
+int CRequestFrame::Finish(KvnFrameOutcome outcome, int result) {
+    m_outcome = outcome;
+    return result;
+}
+
+void CRequestFrame::LogLine(const wchar_t* suffix, int level) {
+    if (level > g_logLevel.load()) return;
+    wchar_t line[160];
+    std::swprintf(line, sizeof(line) / sizeof(line[0]), L"%ls%ls", m_variant.szPrefix, suffix);
+    WriteLog(line, level);
+}
+
+int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
+    const KvnFrameVariant& v = m_variant;
+    // The request belongs to this call; the connection's thread only borrows
+    // it between PublishRequest and WithdrawRequest.
+    CMsgSocketClient msg;
+
+    CConnexionKorvane* cnx = FindConnexion(m_pClient, hCnx, v.nSite);
+    if (cnx == nullptr) return Finish(KVN_FRAME_UNKNOWN_HANDLE, KVN_ERROR_HANDLE_CNX);
+
+    if (v.order == KVN_TEST_THEN_LOCK && !IsLinkUp(m_pClient, cnx))
+        return Finish(KVN_FRAME_LINK_DOWN, KVN_ERROR_SOCKET_CLOSED);
+    CUseCnxLock lock(cnx, v.szPrefix);
+    if (!lock.IsHeld()) return Finish(KVN_FRAME_LOCK_FAILED, KVN_ERROR_HANDLE_CNX);
+    if (v.order == KVN_LOCK_THEN_TEST && !IsLinkUp(m_pClient, cnx))
+        return Finish(KVN_FRAME_LINK_DOWN, KVN_ERROR_SOCKET_CLOSED);
+
+    if (v.bEmptiesSelectBuffer) cnx->m_selectBuffer.VideBuffer();
+    msg.Init(m_pClient->m_nIdApplication, hCnx, cnx->m_sock, &m_pClient->m_paramComm);
+    // Answers carry no request identity: whatever set these before belongs to
+    // an earlier request.
+    KvnResetEvent(cnx->hEvtResultArrived);
+    KvnResetEvent(m_pClient->m_hEvtPerteCommInterne);
+    if (v.bResetsMsgSended) cnx->m_bMsgSended = 0;
+    if (build(msg, *cnx) != 0) return Finish(KVN_FRAME_BUILD_FAILED, KVN_ERROR_PARAMETER);
+
+    PublishRequest(cnx, &msg);
+    KvnSetEvent(cnx->m_hEvtEnvoi);
+    DWORD w;
+    if (v.bNoAnswer) {
+        w = KvnWaitForSingleObject(cnx->msgSended, v.dwSendWaitMs) == WAIT_OBJECT_0 ? kWaitFirst
+                                                                                   : kWaitTimeOut;
+    } else {
+        w = WaitWithLoss(cnx->msgSended, m_pClient->m_hEvtPerteCommInterne, v.dwSendWaitMs);
+    }
+    // Not picked up (thread stuck or gone): the request must not be sent
+    // later by a hand-over meant for the next one.
+    KvnResetEvent(cnx->m_hEvtEnvoi);
+    if (w == kWaitFirst && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
+
+    if (!v.bNoAnswer && w == kWaitFirst && cnx->m_bMsgSended == 1) {
+        w = WaitWithLoss(cnx->hEvtResultArrived, m_pClient->m_hEvtPerteCommInterne,
+                         KvnGetAnswerWaitMs());
+        if (w == kWaitTimeOut) {
+            WithdrawRequest(cnx);
+            LogLine(L"(): time-out resultat", 2);
+            return Finish(KVN_FRAME_ANSWER_TIMEOUT, KVN_ERROR_TIMEOUT);
+        }
+        if (w == kWaitFirst && v.szArrivedLine != nullptr) WriteLog(v.szArrivedLine, 20);
+    }
+    WithdrawRequest(cnx);
+
+    // The order of these tests decides the result when several hold at once.
+    if (cnx->m_bMsgSended == 0 && cnx->m_nCodeErreur == KVN_ERROR_SOCKET_CLOSED) {
+        // The send found the socket closed: the link is lost for every
+        // connection. The lock goes first: the loss routine takes the registry.
+        lock.Unlock();
+        m_pClient->m_NotifyComLost();
+        return Finish(KVN_FRAME_SOCKET_CLOSED, KVN_ERROR_SOCKET_CLOSED);
+    }
+    if (w == kWaitLoss && v.onLoss == KVN_LOSS_SILENT)
+        return Finish(KVN_FRAME_COMM_LOST, KVN_ERROR_SOCKET_CLOSED);
+    if (w == kWaitTimeOut && v.bSendTimeOutIsTimeOut) {
+        LogLine(L"(): time-out resultat", 2);
+        return Finish(KVN_FRAME_ANSWER_TIMEOUT, KVN_ERROR_TIMEOUT);
+    }
+    if (w == kWaitTimeOut || cnx->m_bMsgSended == 0) {
+        LogLine(L"(): erreur envoi", 2);
+        return Finish(KVN_FRAME_SEND_FAILED, KVN_ERROR_SEND);
+    }
+    if (v.bNoAnswer) return Finish(KVN_FRAME_SENT, KVN_NO_ERROR);
+    if (w == kWaitLoss && v.onLoss == KVN_LOSS_LOGGED) {
+        LogLine(L"(): perte de comm", 4);
+        return Finish(KVN_FRAME_COMM_LOST, KVN_ERROR_SOCKET_CLOSED);
+    }
+
+    // The answer is stored in the connection; read it while the lock keeps
+    // other operations away from it.
+    m_outcome = KVN_FRAME_ANSWERED;
+    if (read) return read(*cnx);
+    return cnx->m_nResultat == 0 ? KVN_NO_ERROR : cnx->m_nCodeErreur.load();
+}

@@ -1,0 +1,248 @@
+// Stored procedures: the application declares the parameters one by one in the
+// connection's parameter table (SetStoredProcParams, AddStoredProcParams,
+// ClearStoredProcParams), then ExecStoredProc sends the procedure's name and
+// every declared parameter, and copies the values that the service returns for
+// the OUT and IN/OUT parameters into the application's variables.
+//
+// The table survives the call: a procedure can be run again with the same
+// parameters. Declarations only touch the connection object; nothing is sent
+// before ExecStoredProc.
+#include <korvane/CKorvaneClient.h>
+
+#include <cstdint>
+#include <cstring>
+#include <cwchar>
+#include <new>
+
+#include "client/CConnexionKorvane.h"
+#include "diag/Log.h"
+#include "operations/RequestFrame.h"
+
+namespace {
+
+constexpr unsigned char TypeByte(int type) { return static_cast<unsigned char>(type & 0xFF); }
+
+// Length of text, reading at most max characters.
+std::size_t BoundedLength(const wchar_t* text, std::size_t max) {
+    std::size_t n = 0;
+    while (n < max && text[n] != L'\0') n++;
+    return n;
+}
+
+bool IsTextType(unsigned char t) { return t == TypeByte(SQL_C_CHAR) || t == TypeByte(SQL_C_WCHAR); }
+
+bool IsKnownType(int type) {
+    switch (type) {
+    case SQL_C_CHAR:
+    case SQL_C_WCHAR:
+    case 248:
+    case SQL_C_LONG:
+    case SQL_C_DOUBLE:
+    case SQL_C_TIMESTAMP:
+    case SQL_C_SBIGINT:
+    case 231:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Fills a parameter slot from the application's declaration.
+void FillSlot(CParamProc& slot, int sens, int type, const void* valeur, unsigned int taille) {
+    unsigned char t = TypeByte(type);
+    delete[] slot.pszValeur;
+    slot.pszValeur = nullptr;
+    slot.cType = static_cast<signed char>(t);
+    slot.nSens = sens;
+    slot.pVariable = sens == KVN_PARAM_IN ? nullptr : const_cast<void*>(valeur);
+    slot.bVariableAllouee = 0;
+    // An OUT parameter travels as NULL: the service only needs its type.
+    slot.bNull = sens == KVN_PARAM_OUT ? 1 : 0;
+    slot.valNum.llVal = 0;
+    slot.dateValeur = KvnTimestamp();
+
+    if (IsTextType(t)) {
+        slot.nTaille = sens == KVN_PARAM_OUT ? 0 : static_cast<short>(taille & 0xFFFF);
+        if (slot.bNull) return;
+        // At most taille characters are read: the application declares the
+        // length of its text, nothing past it is touched.
+        const wchar_t* text = static_cast<const wchar_t*>(valeur);
+        std::size_t n = taille == 0 ? 0 : BoundedLength(text, taille);
+        slot.pszValeur = new (std::nothrow) wchar_t[n + 1];
+        if (slot.pszValeur) {
+            std::wmemcpy(slot.pszValeur, text, n);
+            slot.pszValeur[n] = L'\0';
+        }
+        return;
+    }
+    slot.nTaille = t == TypeByte(SQL_C_TIMESTAMP) ? 18 : 8;
+    if (slot.bNull) return;
+    switch (t) {
+    case TypeByte(SQL_C_LONG):
+        std::memcpy(&slot.valNum.lVal, valeur, 4);
+        break;
+    case TypeByte(SQL_C_DOUBLE):
+    case TypeByte(SQL_C_SBIGINT):
+        std::memcpy(&slot.valNum.llVal, valeur, 8);
+        break;
+    case TypeByte(SQL_C_TIMESTAMP):
+        std::memcpy(&slot.dateValeur, valeur, sizeof(KvnTimestamp));
+        break;
+    default:
+        break;
+    }
+}
+
+// Writes a returned value to the application's variable of its parameter. A
+// NULL value writes the type's zero (the empty text).
+void CopyBack(const CParam& value, CParamProc& param) {
+    void* dst = param.pVariable;
+    if (dst == nullptr) return;
+    unsigned char t = TypeByte(param.cType);
+    if (IsTextType(t)) {
+        const wchar_t* text = (!value.bNull && value.pszValeur) ? value.pszValeur : L"";
+        std::wmemcpy(static_cast<wchar_t*>(dst), text, std::wcslen(text) + 1);
+        return;
+    }
+    switch (t) {
+    case TypeByte(SQL_C_LONG): {
+        std::int32_t v = value.bNull ? 0 : value.valNum.lVal;
+        std::memcpy(dst, &v, 4);
+        break;
+    }
+    case TypeByte(SQL_C_DOUBLE):
+    case TypeByte(SQL_C_SBIGINT): {
+        std::int64_t v = value.bNull ? 0 : value.valNum.llVal;
+        std::memcpy(dst, &v, 8);
+        break;
+    }
+    case TypeByte(SQL_C_TIMESTAMP): {
+        KvnTimestamp ts = value.bNull ? KvnTimestamp() : value.dateValeur;
+        std::memcpy(dst, &ts, sizeof(ts));
+        break;
+    }
+    default:
+        break;
+    }
+}
+
+} // namespace
+
+// ---- Declarations ------------------------------------------------------------------
+
+int CKorvaneClient::ClearStoredProcParams(int hCnx) {
+    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 18);
+    if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
+    CUseCnxLock lock(cnx, L"CKorvaneClient::ClearStoredProcParams");
+    if (!lock.IsHeld()) return KVN_ERROR_HANDLE_CNX;
+    cnx->m_nNbParamProc = 0;
+    return KVN_NO_ERROR;
+}
+
+int CKorvaneClient::SetStoredProcParams(int hCnx, int colonne, int sens, int type, void* valeur,
+                                        unsigned int taille) {
+    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 20);
+    if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
+    CUseCnxLock lock(cnx, L"CKorvaneClient::SetStoredProcParams");
+    if (!lock.IsHeld()) return KVN_ERROR_HANDLE_CNX;
+
+    // Position 1 starts a new table, even when the declaration is refused.
+    if (colonne == 1) cnx->m_nNbParamProc = 0;
+
+    // The first failing check is the one reported.
+    int nb = cnx->m_nNbParamProc;
+    if (valeur == nullptr) {
+        WriteLog(L"CKorvaneClient::SetStoredProcParams(): erreur parametre 5 = NULL", 3);
+        return KVN_ERROR_PARAMETER;
+    }
+    if (colonne < 1 || colonne > nb + 1) {
+        WriteLogF(3, L"CKorvaneClient::SetStoredProcParams(): erreur parametre \"colonne\" = %d",
+                  colonne);
+        return KVN_ERROR_PARAMETER;
+    }
+    // A full table refuses a new position; a declared one may be declared again.
+    if (colonne == nb + 1 && nb >= KVN_NB_PARAM_PROC_MAX) {
+        WriteLogF(3,
+                  L"CKorvaneClient::SetStoredProcParams(): erreur nb de parametres max atteint (%d)",
+                  KVN_NB_PARAM_PROC_MAX);
+        return KVN_ERROR_PARAMETER;
+    }
+    if (!IsKnownType(type)) {
+        WriteLog(L"CKorvaneClient::SetStoredProcParams(): erreur type inconnu (parametre 4)", 3);
+        return KVN_ERROR_PARAMETER;
+    }
+    if (sens != KVN_PARAM_IN && sens != KVN_PARAM_INOUT && sens != KVN_PARAM_OUT) {
+        WriteLog(L"CKorvaneClient::SetStoredProcParams(): erreur sens inconnu (parametre 3)", 3);
+        return KVN_ERROR_PARAMETER;
+    }
+
+    FillSlot(cnx->m_tabParamProc[colonne - 1], sens, type, valeur, taille);
+    // Declaring a position again replaces it: the count is the number of
+    // distinct positions, never more.
+    if (colonne == nb + 1) cnx->m_nNbParamProc = nb + 1;
+    return KVN_NO_ERROR;
+}
+
+int CKorvaneClient::AddStoredProcParams(int hCnx, int sens, int type, void* valeur,
+                                        unsigned int taille) {
+    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 19);
+    if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
+    return SetStoredProcParams(hCnx, cnx->m_nNbParamProc + 1, sens, type, valeur, taille);
+}
+
+// ---- The call ---------------------------------------------------------------------------
+
+int CKorvaneClient::ExecStoredProc(int hCnx, const wchar_t* nomProc, int nOptionProc) {
+    CRequestFrame frame(this, kFrameExecStoredProc);
+    return frame.Run(
+        hCnx,
+        [&](CMsgSocketClient& msg, CConnexionKorvane& cnx) {
+            return msg.CreateExecStoredProc(nomProc, cnx.m_nNbParamProc, cnx.m_tabParamProc,
+                                            nOptionProc);
+        },
+        [&](CConnexionKorvane& cnx) {
+            if (cnx.m_nResultat != 0) return cnx.m_nCodeErreur.load();
+            // The answer's values follow the OUT and IN/OUT parameters in
+            // order; IN parameters have none.
+            int nbValeurs = cnx.m_nNbResultats;
+            int k = 0;
+            for (int i = 0; i < cnx.m_nNbParamProc; i++) {
+                CParamProc& param = cnx.m_tabParamProc[i];
+                if (param.nSens == KVN_PARAM_IN) continue;
+                // A short answer: the variables already written keep their
+                // values, the others are left alone.
+                if (k >= nbValeurs || k >= KVN_NB_PARAM_CNX) return KVN_ERROR_RECEIVE;
+                const CParam& value = cnx.m_tabParam[k++];
+                if (TypeByte(value.cType) != TypeByte(param.cType)) return KVN_ERROR_PARAMETER;
+                CopyBack(value, param);
+            }
+            return KVN_NO_ERROR;
+        });
+}
+
+namespace {
+
+// The name of a DStr or CString given to the wchar_t* overload, in a copy of
+// its own. 0, or the result code.
+template <class Call>
+int WithNameCopy(const wchar_t* text, int length, Call call) {
+    if (length <= 0) return KVN_ERROR_PARAMETER;
+    wchar_t* copy = new (std::nothrow) wchar_t[static_cast<std::size_t>(length) + 2];
+    if (copy == nullptr) return KVN_ERROR_MEMORY;
+    std::wmemcpy(copy, text, static_cast<std::size_t>(length) + 1);
+    int r = call(copy);
+    delete[] copy;
+    return r;
+}
+
+} // namespace
+
+int CKorvaneClient::ExecStoredProc(int hCnx, DStr& nomProc, int nOptionProc) {
+    return WithNameCopy(nomProc.GetString(), nomProc.Length(),
+                        [&](const wchar_t* nom) { return ExecStoredProc(hCnx, nom, nOptionProc); });
+}
+
+int CKorvaneClient::ExecStoredProc(int hCnx, CString& nomProc, int nOptionProc) {
+    return WithNameCopy(nomProc.GetString(), nomProc.GetLength(),
+                        [&](const wchar_t* nom) { return ExecStoredProc(hCnx, nom, nOptionProc); });
+}

@@ -1,0 +1,296 @@
+// Execute, and through it the request frame that every database operation
+// shares: what the application gets back for each way an exchange can end,
+// what is logged, and that the connection is free again afterwards.
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <korvane/KvnDefs.h>
+
+#include "client/ClientTimings.h"
+#include "operations/RequestFrame.h"
+#include "peer/ScriptedPeer.h"
+#include "platform/Kernel.h"
+#include "platform/Threads.h"
+#include "support/OperationSession.h"
+#include "support/ServiceSession.h"
+#include "support/TestUtil.h"
+
+namespace {
+
+using peer::Connection;
+using peer::Long;
+using peer::Message;
+
+class ExecuteOn : public OperationSession {
+protected:
+    void TearDown() override {
+        KvnSetAnswerWaitForTests(0);
+        OperationSession::TearDown();
+    }
+    // The frame always ends with the request lock free and the request
+    // withdrawn.
+    void ExpectConnexionFree() {
+        CConnexionKorvane* cnx = client.Connexion(hCnx);
+        ASSERT_NE(nullptr, cnx);
+        EXPECT_EQ(nullptr, cnx->m_pMsgAEnvoyer);
+        std::atomic<bool> locked{false};
+        std::thread other([&] {
+            locked = cnx->mutexUseCnx.Lock(0) != FALSE;
+            if (locked) cnx->mutexUseCnx.Unlock();
+        });
+        other.join();
+        EXPECT_TRUE(locked) << "the request lock is still held";
+    }
+    // Waits (bounded) until the connection's link has read a request.
+    bool ServiceHasARequest() {
+        kvntest::Clock::time_point start = kvntest::Clock::now();
+        while (Requests().empty()) {
+            if (kvntest::MsSince(start) > peer::kWaitMs) return false;
+            KvnSleep(10);
+        }
+        return true;
+    }
+    void BufferOneRow() {
+        CLigneSelect* row = new CLigneSelect;
+        row->AddParam(new CParam);
+        client.Connexion(hCnx)->m_selectBuffer.AddLigne(row);
+    }
+};
+
+// ---- Answers -------------------------------------------------------------------------
+
+TEST_F(ExecuteOn, SuccessReturnsTheServiceValueAndEmptiesTheRows) {
+    Open([](Connection& c) { Serve(c, KVN_EXECUTE, {Long(0), Long(12)}); });
+    BufferOneRow();
+    int resultat = -1;
+    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"UPDATE T SET A = 1", resultat));
+    EXPECT_EQ(12, resultat);
+    EXPECT_EQ(0, client.Connexion(hCnx)->m_selectBuffer.GetNbLigne());
+    ExpectConnexionFree();
+
+    std::vector<Message> requests = Requests();
+    ASSERT_EQ(1u, requests.size());
+    EXPECT_EQ(KVN_EXECUTE, requests[0].Fonction());
+    EXPECT_EQ(7, requests[0].IdApplication());
+    EXPECT_EQ(hCnx, requests[0].IdConnexion());
+    ASSERT_EQ(1, requests[0].Count());
+    EXPECT_EQ(std::wstring(L"UPDATE T SET A = 1"), requests[0].Param(0).AsWide());
+}
+
+TEST_F(ExecuteOn, AStatusOtherThanZeroDecidesTheResult) {
+    Open([](Connection& c) {
+        Serve(c, KVN_EXECUTE, {Long(-2), Long(KVN_ERROR_ODBC)});
+        Serve(c, KVN_EXECUTE, {Long(0), Long(1), Long(2)});  // one value too many
+        Serve(c, KVN_EXECUTE, {Long(3), Long(9)});           // a status of the service's own
+        Serve(c, KVN_EXECUTE, {Long(0), Long(-7)});
+    });
+    int resultat = -1;
+    EXPECT_EQ(KVN_ERROR_ODBC, client.Execute(hCnx, L"DELETE FROM T", resultat));
+    EXPECT_EQ(0, resultat);
+    resultat = -1;
+    EXPECT_EQ(KVN_ERROR_RECEIVE, client.Execute(hCnx, L"DELETE FROM T", resultat));
+    EXPECT_EQ(0, resultat);
+    resultat = -1;
+    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"DELETE FROM T", resultat))
+        << "another status gives the code the answer left: 0";
+    EXPECT_EQ(0, resultat);
+    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"DELETE FROM T", resultat));
+    EXPECT_EQ(-7, resultat);
+    ExpectConnexionFree();
+}
+
+// ---- Refusals before anything is sent ---------------------------------------------------------
+
+TEST_F(ExecuteOn, RefusalsBeforeTheExchange) {
+    Open(nullptr);
+    LogUpTo(20);
+    int resultat = -1;
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.Execute(hCnx, L"", resultat));
+    EXPECT_EQ(0, resultat);
+    resultat = -1;
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.Execute(hCnx, nullptr, resultat));
+    EXPECT_EQ(0, resultat);
+
+    resultat = -1;
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Execute(hCnx + 5, L"SELECT 1", resultat));
+    EXPECT_EQ(-1, resultat);
+    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 2  "));
+
+    // The client still reconnecting, or this connection down: refused, silent.
+    int lines = debugger.CountContaining(L"Execute") + log.CountContaining(L"Execute");
+    client.SetAllConnected(FALSE);
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.Execute(hCnx, L"SELECT 1", resultat));
+    client.SetAllConnected(TRUE);
+    client.Connexion(hCnx)->m_bConnected = FALSE;
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.Execute(hCnx, L"SELECT 1", resultat));
+    EXPECT_EQ(-1, resultat);
+    EXPECT_EQ(lines, debugger.CountContaining(L"Execute") + log.CountContaining(L"Execute"));
+
+    client.Connexion(hCnx)->m_bConnected = TRUE;
+    ExpectConnexionFree();
+    EXPECT_TRUE(Requests().empty());
+}
+
+// ---- The exchange going wrong -----------------------------------------------------------------
+
+TEST_F(ExecuteOn, AnAnswerThatNeverComesIsGivenUp) {
+    Open([this](Connection& c) {
+        Message request = c.Expect(KVN_EXECUTE);
+        c.Ack(request);
+        // Answers only once the client gave up, then serves the next request.
+        c.Await("given up");
+        c.Answer(peer::Msg(KVN_EXECUTE, request.IdApplication(), request.IdConnexion(),
+                           {Long(0), Long(1)}));
+        Serve(c, KVN_EXECUTE, {Long(0), Long(2)});
+    });
+    LogUpTo(2);
+    KvnSetAnswerWaitForTests(300);
+    int resultat = -1;
+    kvntest::Clock::time_point start = kvntest::Clock::now();
+    EXPECT_EQ(KVN_ERROR_TIMEOUT, client.Execute(hCnx, L"UPDATE T SET A = 1", resultat));
+    EXPECT_GE(kvntest::MsSince(start), 300 - kvntest::kTickSlackMs);
+    EXPECT_EQ(-1, resultat);
+    EXPECT_EQ(1, log.CountContaining(L"CKorvaneClient::Execute(): time-out resultat"));
+    ExpectConnexionFree();
+
+    // The late answer is stored like any other; the next request does not
+    // take it for its own.
+    CConnexionKorvane* cnx = client.Connexion(hCnx);
+    service.Signal("given up");
+    ASSERT_EQ(WAIT_OBJECT_0, KvnWaitForSingleObject(cnx->hEvtResultArrived, peer::kWaitMs));
+    EXPECT_EQ(1, cnx->m_tabParam[0].valNum.lVal);
+    KvnSetAnswerWaitForTests(0);
+    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"UPDATE T SET A = 2", resultat));
+    EXPECT_EQ(2, resultat);
+}
+
+// A request that the service never acknowledges takes its connection down
+// and declares the communication lost, which wakes every request in flight.
+// Takes the real 10 s of the send wait: the failed send sets no event of its
+// own, the caller learns of it when its wait ends.
+TEST_F(ExecuteOn, AnUnacknowledgedRequestTakesTheLinkDownAndWakesTheOthers) {
+    Open([](Connection& c) {
+        Message request = c.Expect(KVN_EXECUTE);
+        c.Ack(request);
+        c.ExpectClientClose(15000);
+    });
+    service.OnAccept(2, ConnexionLink([](Connection& c) {
+        c.Expect(KVN_EXECUTE);  // and never acknowledged
+        c.ExpectClientClose(15000);
+    }));
+    int hCnx2 = client.GetConnexion();
+    ASSERT_GT(hCnx2, hCnx);
+    LogUpTo(4);
+
+    int waiting = -1;
+    int waitingResult = 1;
+    std::thread caller([&] { waitingResult = client.Execute(hCnx, L"UPDATE T SET A = 1", waiting); });
+    ASSERT_TRUE(ServiceHasARequest());
+    int unacknowledged = -1;
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED,
+              client.Execute(hCnx2, L"UPDATE T SET A = 2", unacknowledged));
+    caller.join();
+
+    EXPECT_EQ(-1, unacknowledged) << "a closed socket leaves resultat alone";
+    EXPECT_EQ(1, debugger.Count(L"\r\nErreur de Send Message  "));
+    EXPECT_EQ(WAIT_OBJECT_0, KvnWaitForSingleObject(client.GetEventPerteComm(), 0))
+        << "the application is told that the communication is lost";
+
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, waitingResult);
+    EXPECT_EQ(0, waiting);
+    EXPECT_EQ(1, log.Count(L"CKorvaneClient::Execute(): perte de comm"));
+
+    EXPECT_FALSE(client.IsConnexionConnected(hCnx));
+    EXPECT_FALSE(client.IsConnexionConnected(hCnx2));
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.Execute(hCnx2, L"SELECT 1", unacknowledged));
+    ExpectConnexionFree();
+}
+
+// ---- The frame's variants, run directly ---------------------------------------------------------
+
+TEST_F(ExecuteOn, TheFrameReadsTheAnswerUnderTheRequestLock) {
+    Open([](Connection& c) {
+        Serve(c, KVN_EXISTTABLE, {Long(0), Long(1)});
+        Serve(c, KVN_REQUETE_METABASE, {Long(-2), Long(KVN_ERROR_NO_DATABASE)});
+    });
+    CRequestFrame frame(&client, kFrameIsTableExist);
+    bool lockedElsewhere = true;
+    int r = frame.Run(
+        hCnx, [](CMsgSocketClient& msg, CConnexionKorvane&) { return msg.CreateIsTableExist(L"T"); },
+        [&](CConnexionKorvane& cnx) {
+            std::thread other([&] {
+                lockedElsewhere = cnx.mutexUseCnx.Lock(0) != FALSE;
+                if (lockedElsewhere) cnx.mutexUseCnx.Unlock();
+            });
+            other.join();
+            return cnx.m_tabParam[0].valNum.lVal == 1 ? 42 : -1;
+        });
+    EXPECT_EQ(42, r);
+    EXPECT_EQ(KVN_FRAME_ANSWERED, frame.GetOutcome());
+    EXPECT_FALSE(lockedElsewhere);
+
+    // Without a reader: 0 for status 0, else the code the answer left.
+    CRequestFrame direct(&client, kFrameExecuteRequete);
+    EXPECT_EQ(KVN_ERROR_NO_DATABASE,
+              direct.Run(hCnx, [](CMsgSocketClient& msg, CConnexionKorvane&) {
+                  return msg.CreateExecRequete(L"META");
+              }));
+    ExpectConnexionFree();
+}
+
+TEST_F(ExecuteOn, AFrameWithoutAnswerEndsOnceTheRequestIsSent) {
+    Open([](Connection& c) { c.Ack(c.Expect(KVN_LIBERE_CNX_SELECT)); });
+    CRequestFrame frame(&client, kFrameLibereStatment);
+    bool read = false;
+    EXPECT_EQ(KVN_NO_ERROR, frame.Run(
+                                hCnx,
+                                [](CMsgSocketClient& msg, CConnexionKorvane&) {
+                                    return msg.CreateLibereConnexionSelect();
+                                },
+                                [&](CConnexionKorvane&) {
+                                    read = true;
+                                    return -1;
+                                }));
+    EXPECT_EQ(KVN_FRAME_SENT, frame.GetOutcome());
+    EXPECT_FALSE(read);
+    ExpectConnexionFree();
+}
+
+// ---- Two operations on one connection ----------------------------------------------------------
+
+// Takes the real 20 s of the request lock's limit.
+TEST_F(ExecuteOn, ASecondOperationWaitsForTheLockThenGivesUp) {
+    Open([](Connection& c) {
+        Message request = c.Expect(KVN_EXECUTE);
+        c.Ack(request);
+        c.Await("second gave up", 30000);
+        c.Answer(peer::Msg(KVN_EXECUTE, request.IdApplication(), request.IdConnexion(),
+                           {Long(0), Long(5)}));
+    });
+    LogUpTo(15);
+    int first = -1;
+    int firstResult = 1;
+    std::thread firstCaller([&] { firstResult = client.Execute(hCnx, L"UPDATE T SET A = 1", first); });
+    // The first one holds the lock once the service has its request.
+    ASSERT_TRUE(ServiceHasARequest());
+
+    int second = -1;
+    kvntest::Clock::time_point start = kvntest::Clock::now();
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Execute(hCnx, L"UPDATE T SET A = 2", second));
+    EXPECT_GE(kvntest::MsSince(start), 20000 - kvntest::kTickSlackMs);
+    EXPECT_EQ(-1, second);
+    // At log level 15 the log's own channel is the debugger output: the line
+    // is seen there twice, once logged and once written directly.
+    EXPECT_EQ(2, debugger.Count(L"CKorvaneClient::Execute mutexUseCnx.Lock() ABANDON"));
+
+    service.Signal("second gave up");
+    firstCaller.join();
+    EXPECT_EQ(KVN_NO_ERROR, firstResult);
+    EXPECT_EQ(5, first);
+    EXPECT_EQ(1u, Requests().size()) << "the second request was never sent";
+}
+
+}  // namespace

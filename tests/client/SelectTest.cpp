@@ -1,0 +1,220 @@
+// Selects: the first block delivered with ExecuteSelect, the rows walked with
+// Fetch, the next blocks asked for with GetLine only once the buffered rows
+// are used up and never after the last one, and what Fetch reports when the
+// rows end or the next block cannot be had.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <korvane/CKorvaneClient.h>
+
+#include "client/ClientTimings.h"
+#include "support/OperationSession.h"
+#include "support/ServiceSession.h"
+
+namespace {
+
+using peer::Long;
+using peer::Text;
+using peer::Value;
+
+// The answer to KVN_EXECUTESELECT: status 0, the value beside it, then a block
+// of rows of two columns (an id and a text), the more-rows flag and the cells.
+std::vector<Value> FirstBlock(int resultat, int firstId, int rows, int more) {
+    std::vector<Value> v = {Long(0), Long(resultat), Long(0), Long(rows), Long(2), Long(more)};
+    for (int i = 0; i < rows; i++) {
+        v.push_back(Long(firstId + i));
+        v.push_back(Text((L"ligne " + std::to_wstring(firstId + i)).c_str()));
+    }
+    return v;
+}
+
+// The answer to KVN_GETLINE: status 0, rows, columns, more-rows flag, cells.
+std::vector<Value> NextBlock(int firstId, int rows, int more) {
+    std::vector<Value> v = {Long(0), Long(rows), Long(2), Long(more)};
+    for (int i = 0; i < rows; i++) {
+        v.push_back(Long(firstId + i));
+        v.push_back(Text((L"ligne " + std::to_wstring(firstId + i)).c_str()));
+    }
+    return v;
+}
+
+class Select : public OperationSession {
+protected:
+    // Fetches and returns the id of the new current row, or the result code
+    // of Fetch as a negative id - 1000 (so that 0 and 100 are told apart).
+    int FetchId() {
+        int r = client.Fetch(hCnx);
+        if (r != 0) return -1000 - r;
+        long id = 0;
+        EXPECT_EQ(0, client.GetData(hCnx, 1, id));
+        DStr text;
+        EXPECT_EQ(0, client.GetData(hCnx, 2, text));
+        EXPECT_EQ(L"ligne " + std::to_wstring(id), std::wstring(text.GetString()));
+        return static_cast<int>(id);
+    }
+    int GetLineRequests() {
+        int n = 0;
+        for (const peer::Message& m : Requests()) {
+            if (m.Fonction() != KVN_GETLINE) continue;
+            n++;
+            EXPECT_EQ(1, m.Count());
+            EXPECT_EQ(0, m.Param(0).AsLong()) << "Fetch asks with 0";
+        }
+        return n;
+    }
+    static constexpr int kNoData = -1000 - KVN_NO_DATA;
+};
+
+TEST_F(Select, WithoutRowsIsASuccessAndTheFirstFetchHasNoData) {
+    Open([](peer::Connection& c) {
+        peer::Message m = Serve(c, KVN_EXECUTESELECT,
+                                {Long(0), Long(12), Long(0), Long(0), Long(0), Long(0)});
+        EXPECT_EQ(1, m.Count());
+        EXPECT_EQ(L"select * from vide", m.Param(0).AsWide());
+        c.ExpectSilence(200);
+    });
+    int resultat = -1;
+    EXPECT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select * from vide", resultat));
+    EXPECT_EQ(12, resultat);
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+    long v = 5;
+    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, v));
+    EXPECT_EQ(5, v);
+}
+
+TEST_F(Select, OneBlockIsWalkedWithoutAskingForMoreAndAFetchAfterTheEndAsksAgain) {
+    Open([](peer::Connection& c) {
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(3, 1, 3, 0));
+        c.Await("relance");
+        Serve(c, KVN_GETLINE, {Long(-2), Long(KVN_NO_DATA)});
+    });
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select id, nom from t", resultat));
+    EXPECT_EQ(3, resultat);
+    EXPECT_EQ(1, FetchId());
+    EXPECT_EQ(2, FetchId());
+    EXPECT_EQ(3, FetchId());
+    EXPECT_EQ(kNoData, FetchId());
+    long v = 9;
+    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, v)) << "the buffer is empty after the end";
+
+    // No GetLine so far: the rows of the block ended the result.
+    EXPECT_EQ(0, GetLineRequests());
+    service.Signal("relance");
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+    Finish();
+    EXPECT_EQ(1, GetLineRequests());
+}
+
+TEST_F(Select, SeveralBlocksAskOneGetLinePerExhaustedBlockAndNoneAfterTheLast) {
+    Open([](peer::Connection& c) {
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 2, 1));
+        Serve(c, KVN_GETLINE, NextBlock(3, 2, 1));
+        Serve(c, KVN_GETLINE, NextBlock(5, 1, 0));
+        c.ExpectSilence(200);
+    });
+    int resultat = -1;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select id, nom from t", resultat));
+    for (int id = 1; id <= 5; id++) EXPECT_EQ(id, FetchId());
+    EXPECT_EQ(kNoData, FetchId());
+    Finish();
+    EXPECT_EQ(2, GetLineRequests());
+}
+
+TEST_F(Select, ANewSelectReplacesTheRowsOfThePreviousOne) {
+    Open([](peer::Connection& c) {
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 3, 0));
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 10, 1, 0));
+    });
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select 1", resultat));
+    EXPECT_EQ(1, FetchId());
+    DStr again(L"select 2");
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, again, resultat));
+    EXPECT_EQ(10, FetchId());
+    EXPECT_EQ(kNoData, FetchId());
+}
+
+TEST_F(Select, AnErrorInTheNextBlockEndsTheRows) {
+    Open([](peer::Connection& c) {
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 1, 1));
+        Serve(c, KVN_GETLINE, {Long(-2), Long(KVN_ERROR_ODBC), Long(0)});
+        c.ExpectSilence(200);
+    });
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
+    EXPECT_EQ(1, FetchId());
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+    // The end mark that the error set is consumed here, without a request.
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+}
+
+TEST_F(Select, ServiceErrorsAndRefusalsOfExecuteSelect) {
+    Open([](peer::Connection& c) { Serve(c, KVN_EXECUTESELECT, {Long(-2), Long(KVN_ERROR_ODBC)}); });
+    int resultat = 44;
+    CString requete(L"select faux");
+    EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteSelect(hCnx, requete, resultat));
+    EXPECT_EQ(0, resultat);
+
+    resultat = 44;
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecuteSelect(hCnx, L"", resultat));
+    EXPECT_EQ(0, resultat);
+
+    resultat = 44;
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.ExecuteSelect(hCnx + 1, L"select", resultat));
+    EXPECT_EQ(44, resultat);
+    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 3  "));
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Fetch(hCnx + 1));
+    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 4  "));
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.LibereStatment(hCnx + 1));
+    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 6  "));
+}
+
+// Fetch answers 0 only with a new current row: when the next block cannot be
+// had, the failure of GetLine is what it reports, whatever status an earlier
+// answer left.
+TEST_F(Select, FetchReportsTheFailureOfTheGetLineItCalled) {
+    Open([](peer::Connection& c) {
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 1, 1));
+        peer::Message m = c.Expect(KVN_GETLINE);
+        c.Ack(m);  // and never answers
+    });
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
+    EXPECT_EQ(1, FetchId());
+    KvnSetAnswerWaitForTests(300);
+    EXPECT_EQ(KVN_ERROR_TIMEOUT, client.Fetch(hCnx));
+    KvnSetAnswerWaitForTests(0);
+
+    // With the link down, the GetLine is refused before anything is sent.
+    client.SetAllConnected(FALSE);
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.Fetch(hCnx));
+    client.SetAllConnected(TRUE);
+}
+
+TEST_F(Select, LibereStatmentIsSentWithoutWaitingForAnAnswer) {
+    SessionAnswer oneTry;
+    oneTry.nbRetrySend = 1;
+    Open(oneTry, [](peer::Connection& c) {
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 2, 0));
+        peer::Message m = c.Expect(KVN_LIBERE_CNX_SELECT);
+        EXPECT_EQ(0, m.Count());
+        c.Ack(m);
+        m = c.Expect(KVN_LIBERE_CNX_SELECT);  // not acknowledged: the send fails
+    });
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
+    EXPECT_EQ(1, FetchId());
+    EXPECT_EQ(KVN_NO_ERROR, client.LibereStatment(hCnx));
+    // The local rows are not touched.
+    EXPECT_EQ(2, FetchId());
+
+    // A send that is never acknowledged ends as a closed socket: the link is
+    // declared lost.
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.LibereStatment(hCnx));
+    EXPECT_FALSE(client.IsConnexionConnected(hCnx));
+}
+
+}  // namespace

@@ -1,0 +1,176 @@
+// Stored procedures: the declarations and their refusals, the request that
+// carries every parameter with its direction (OUT ones as NULL), and the
+// copy of the returned values into the application's variables.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <korvane/CKorvaneClient.h>
+
+#include "support/OperationSession.h"
+
+namespace {
+
+using peer::Long;
+using peer::Text;
+using peer::Value;
+
+class StoredProc : public OperationSession {
+protected:
+    // The requests of function KVN_EXECUTEPROC the service read.
+    std::vector<peer::Message> Calls() {
+        std::vector<peer::Message> calls;
+        for (const peer::Message& m : Requests())
+            if (m.Fonction() == KVN_EXECUTEPROC) calls.push_back(m);
+        return calls;
+    }
+};
+
+const wchar_t kLineNull[] = L"CKorvaneClient::SetStoredProcParams(): erreur parametre 5 = NULL";
+const wchar_t kLineType[] = L"CKorvaneClient::SetStoredProcParams(): erreur type inconnu (parametre 4)";
+const wchar_t kLineSens[] = L"CKorvaneClient::SetStoredProcParams(): erreur sens inconnu (parametre 3)";
+
+TEST_F(StoredProc, DeclarationsAreRefusedInTheirOrderOfChecks) {
+    Open(nullptr);
+    LogUpTo(3);
+    int v = 1;
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 2, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
+    EXPECT_EQ(1, log.Count(L"CKorvaneClient::SetStoredProcParams(): erreur parametre \"colonne\" = 2"));
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 0, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
+
+    // A null value is reported first, whatever else is wrong.
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 5, 3, SQL_C_GUID, nullptr, 0));
+    EXPECT_EQ(1, log.Count(kLineNull));
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 1, 3, SQL_C_LONG, &v, 0));
+    EXPECT_EQ(1, log.Count(kLineSens));
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, SQL_C_GUID, &v, 0));
+    EXPECT_EQ(1, log.Count(kLineType));
+
+    // 64 parameters are accepted, the 65th is not.
+    ASSERT_EQ(0, client.ClearStoredProcParams(hCnx));
+    for (int i = 0; i < 64; i++)
+        ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_IN, SQL_C_LONG, &v, 0)) << i;
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.AddStoredProcParams(hCnx, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
+    EXPECT_EQ(1, log.Count(L"CKorvaneClient::SetStoredProcParams(): erreur nb de parametres max atteint (64)"));
+    // A declared position may be declared again, even in a full table.
+    double d = 2.5;
+    EXPECT_EQ(0, client.SetStoredProcParams(hCnx, 64, KVN_PARAM_IN, SQL_C_DOUBLE, &d, 0));
+
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.ClearStoredProcParams(hCnx + 1));
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.AddStoredProcParams(hCnx + 1, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.SetStoredProcParams(hCnx + 1, 1, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
+    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 18  "));
+    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 19  "));
+    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 20  "));
+}
+
+TEST_F(StoredProc, EveryDirectionAndTypeTravelsAndComesBack) {
+    Open([](peer::Connection& c) {
+        Serve(c, KVN_EXECUTEPROC,
+              {Long(0), Text(L"retour"), peer::Double(1.25), Long(77),
+               peer::Timestamp("010220230405060000"), peer::BigInt(1LL << 40), Text(L"sortie")});
+        Serve(c, KVN_EXECUTEPROC,
+              {Long(0), Text(L"encore"), peer::Double(0), Long(0),
+               peer::Timestamp("010220230405060000"), peer::BigInt(0), peer::NullOf(peer::kTypeWChar)});
+    });
+    int in = 5;
+    wchar_t inout[32] = L"abc";
+    double outDouble = 0;
+    int outLong = 0;
+    KvnTimestamp outTs = {};
+    long long outBig = 0;
+    KvnTimestamp inTs = {2021, 3, 4, 5, 6, 7, 0};
+    wchar_t outText[32] = L"xxxxxxxxxx";
+
+    ASSERT_EQ(0, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, SQL_C_LONG, &in, 0));
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_INOUT, 248, inout, 3));
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_OUT, SQL_C_DOUBLE, &outDouble, 0));
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_OUT, SQL_C_LONG, &outLong, 0));
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_OUT, SQL_C_TIMESTAMP, &outTs, 0));
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_OUT, 231, &outBig, 0));
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_IN, SQL_C_TIMESTAMP, &inTs, 0));
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_OUT, SQL_C_WCHAR, outText, 0));
+
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, L"ps_test", 9));
+    EXPECT_STREQ(L"retour", inout);
+    EXPECT_DOUBLE_EQ(1.25, outDouble);
+    EXPECT_EQ(77, outLong);
+    EXPECT_EQ(2023, static_cast<int>(outTs.year));
+    EXPECT_EQ(2, static_cast<int>(outTs.month));
+    EXPECT_EQ(1, static_cast<int>(outTs.day));
+    EXPECT_EQ(6, static_cast<int>(outTs.second));
+    EXPECT_EQ(1LL << 40, outBig);
+    EXPECT_STREQ(L"sortie", outText);
+    EXPECT_EQ(5, in);
+
+    // The table survives the call: the same parameters go again, with the
+    // IN value of the IN/OUT text as declared, not as returned. A NULL text
+    // comes back as the empty text.
+    CString nom(L"ps_test");
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, nom, 9));
+    EXPECT_STREQ(L"encore", inout);
+    EXPECT_STREQ(L"", outText);
+
+    Finish();
+    std::vector<peer::Message> calls = Calls();
+    ASSERT_EQ(2u, calls.size());
+    for (const peer::Message& m : calls) {
+        ASSERT_EQ(2 + 8 * 2, m.Count());
+        EXPECT_EQ(L"ps_test", m.Param(0).AsWide());
+        EXPECT_EQ(9, m.Param(1).AsLong());
+        const int sens[8] = {1, 2, 4, 4, 4, 4, 1, 4};
+        for (int i = 0; i < 8; i++) EXPECT_EQ(sens[i], m.Param(2 + 2 * i).AsLong()) << i;
+        EXPECT_EQ(5, m.Param(3).AsLong());
+        EXPECT_EQ(L"abc", m.Param(5).AsWide());
+        for (int i : {7, 9, 11, 13, 17}) EXPECT_TRUE(m.Param(i).IsNull()) << i;
+        EXPECT_EQ(peer::kTypeDouble, m.Param(7).type);
+        EXPECT_EQ(peer::kTypeTimestamp, m.Param(11).type);
+        EXPECT_EQ(peer::kTypeBigInt, m.Param(13).type);
+        EXPECT_EQ("040320210506070000", m.Param(15).AsTimestamp());
+        EXPECT_EQ(peer::kTypeWChar, m.Param(17).type);
+    }
+}
+
+TEST_F(StoredProc, AReturnedValueOfAnotherTypeStopsTheCopy) {
+    Open([](peer::Connection& c) {
+        Serve(c, KVN_EXECUTEPROC, {Long(0), Long(11), Long(12)});
+        Serve(c, KVN_EXECUTEPROC, {Long(0), Long(21)});
+    });
+    int first = 0;
+    double second = 0.5;
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_OUT, SQL_C_LONG, &first, 0));
+    ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_OUT, SQL_C_DOUBLE, &second, 0));
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecStoredProc(hCnx, L"ps", 0));
+    EXPECT_EQ(11, first);
+    EXPECT_DOUBLE_EQ(0.5, second);
+
+    // Fewer values than OUT parameters: the answer is short.
+    EXPECT_EQ(KVN_ERROR_RECEIVE, client.ExecStoredProc(hCnx, L"ps", 0));
+    EXPECT_EQ(21, first);
+    EXPECT_DOUBLE_EQ(0.5, second);
+}
+
+TEST_F(StoredProc, WithoutParametersOnlyTheNameAndOptionAreSent) {
+    Open([](peer::Connection& c) {
+        peer::Message m = Serve(c, KVN_EXECUTEPROC, {Long(0), Long(0)});
+        EXPECT_EQ(2, m.Count());
+        EXPECT_EQ(L"ps_vide", m.Param(0).AsWide());
+        EXPECT_EQ(-3, m.Param(1).AsLong());
+        Serve(c, KVN_EXECUTEPROC, {Long(-2), Long(KVN_ERROR_ODBC)});
+        c.ExpectSilence(200);
+    });
+    DStr nom(L"ps_vide");
+    EXPECT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, nom, -3));
+    EXPECT_EQ(KVN_ERROR_ODBC, client.ExecStoredProc(hCnx, L"ps_vide", 0));
+    DStr vide;
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecStoredProc(hCnx, vide, 0));
+    CString videC;
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecStoredProc(hCnx + 1, videC, 0));
+    EXPECT_EQ(0, debugger.CountContaining(L"KVN_ERROR_HANDLE_CNX 21"));
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.ExecStoredProc(hCnx + 1, L"ps", 0));
+    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 21  "));
+}
+
+}  // namespace

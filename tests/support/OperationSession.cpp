@@ -1,0 +1,85 @@
+// The session of the database operation tests.
+#include "support/OperationSession.h"
+
+#include <korvane/SockInit.h>
+
+#include "diag/Log.h"
+#include "platform/DebugOutput.h"
+#include "support/ServiceSession.h"
+
+void CapturedTexts::Hook(const wchar_t* text, void* context) {
+    CapturedTexts* self = static_cast<CapturedTexts*>(context);
+    std::lock_guard<std::mutex> guard(self->lock_);
+    self->texts_.push_back(text);
+}
+
+int CapturedTexts::Count(const std::wstring& text) {
+    std::lock_guard<std::mutex> guard(lock_);
+    int n = 0;
+    for (const std::wstring& t : texts_) n += t == text ? 1 : 0;
+    return n;
+}
+
+int CapturedTexts::CountContaining(const std::wstring& part) {
+    std::lock_guard<std::mutex> guard(lock_);
+    int n = 0;
+    for (const std::wstring& t : texts_) n += t.find(part) != std::wstring::npos ? 1 : 0;
+    return n;
+}
+
+void CapturedTexts::Clear() {
+    std::lock_guard<std::mutex> guard(lock_);
+    texts_.clear();
+}
+
+void OperationSession::SetUp() {
+    SockInitWinSock();
+    KvnSetDebugOutputHook(&CapturedTexts::Hook, &debugger);
+    KvnSetTraceFileHook(&CapturedTexts::Hook, &log);
+}
+
+void OperationSession::TearDown() {
+    Finish();
+    service.Stop();
+    KvnSetDebugOutputHook(nullptr, nullptr);
+    KvnSetTraceFileHook(nullptr, nullptr);
+    KvnResetLogForTests();
+    SockCloseWinSock();
+}
+
+void OperationSession::Open(peer::Script script) { Open(SessionAnswer(), script); }
+
+void OperationSession::Finish() {
+    client.Free();
+    service.WaitForScripts();
+}
+
+void OperationSession::Open(const SessionAnswer& answer, peer::Script script) {
+    service.OnAccept(0, MainLink(answer));
+    service.OnAccept(1, ConnexionLink([script](peer::Connection& c) {
+        if (script) script(c);
+        AcknowledgeUntilClose(c);
+    }));
+    int dbType = 0;
+    ASSERT_EQ(KVN_NO_ERROR,
+              client.Init(L"127.0.0.1", service.Port(), 0, L"Operations", dbType, 0, nullptr, nullptr));
+    hCnx = client.GetConnexion();
+    ASSERT_GT(hCnx, 0);
+}
+
+void OperationSession::LogUpTo(int level) { g_logLevel.store(level); }
+
+std::vector<peer::Message> OperationSession::Requests() {
+    std::vector<peer::Message> all = service.Received(1);
+    // The first one is the connection's registration.
+    if (!all.empty()) all.erase(all.begin());
+    return all;
+}
+
+peer::Message Serve(peer::Connection& c, int fonction, std::vector<peer::Value> values) {
+    peer::Message request = c.Expect(fonction);
+    if (!request.complete) return request;
+    c.Ack(request);
+    c.Answer(peer::Msg(fonction, request.IdApplication(), request.IdConnexion(), std::move(values)));
+    return request;
+}

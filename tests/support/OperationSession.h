@@ -1,0 +1,72 @@
+// A client with an open session and one logical connection to the scripted
+// test service, for the tests of the database operations: the test gives the
+// script of the connection's link, runs the operations and looks at what the
+// application sees and at what the service read.
+#ifndef KVN_TESTS_SUPPORT_OPERATIONSESSION_H
+#define KVN_TESTS_SUPPORT_OPERATIONSESSION_H
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <korvane/CKorvaneClient.h>
+
+#include "client/CConnexionKorvane.h"
+#include "peer/ScriptedPeer.h"
+#include "support/ServiceSession.h"
+
+// The client, with the connection objects within reach of the tests.
+class OperationClient : public CKorvaneClient {
+public:
+    CConnexionKorvane* Connexion(int hCnx) { return m_GetConnexionByIdList(hCnx); }
+    void SetAllConnected(BOOL on) { m_bAllConnected = on; }
+};
+
+// Texts handed to the debugger output or the trace file, in order.
+class CapturedTexts {
+public:
+    static void Hook(const wchar_t* text, void* context);
+    int Count(const std::wstring& text);
+    // Texts that contain part.
+    int CountContaining(const std::wstring& part);
+    void Clear();
+
+private:
+    std::mutex lock_;
+    std::vector<std::wstring> texts_;
+};
+
+class OperationSession : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Opens the session and one connection (hCnx). The connection's link
+    // plays `script` once the connection is registered, then acknowledges
+    // whatever comes until the client closes it.
+    void Open(peer::Script script);
+    // The same with the communication parameters of `answer`.
+    void Open(const SessionAnswer& answer, peer::Script script);
+    // Ends the session and waits for the service's scripts: what the service
+    // read can then be looked at.
+    void Finish();
+    // Lines of log level `level` and below reach `log` from now on.
+    void LogUpTo(int level);
+
+    // Every request the connection's link read after its registration.
+    std::vector<peer::Message> Requests();
+
+    peer::ScriptedPeer service;
+    OperationClient client;
+    int hCnx = 0;
+    CapturedTexts debugger;
+    CapturedTexts log;
+};
+
+// Reads a request of function `fonction`, acknowledges it and answers with
+// `values` under the same function code and ids. Returns the request.
+peer::Message Serve(peer::Connection& c, int fonction, std::vector<peer::Value> values);
+
+#endif

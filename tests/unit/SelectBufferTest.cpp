@@ -1,0 +1,224 @@
+// The row buffer of a select: the order in which Fetch delivers and drops
+// rows, what GetData reads before and after Fetch, the flags that the result
+// receiver drives, and rows that own their values.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cwchar>
+#include <thread>
+
+#include <korvane/CSelectBuffer.h>
+#include <korvane/KvnDefs.h>
+
+namespace {
+
+CParam* LongValue(int v) {
+    CParam* p = new CParam();
+    p->cType = SQL_C_LONG;
+    p->nTaille = 8;
+    p->valNum.lVal = v;
+    return p;
+}
+
+CParam* TextValue(const wchar_t* text) {
+    CParam* p = new CParam();
+    p->cType = SQL_C_WCHAR;
+    p->nTaille = static_cast<short>(std::wcslen(text));
+    p->pszValeur = new wchar_t[std::wcslen(text) + 1];
+    std::wcscpy(p->pszValeur, text);
+    return p;
+}
+
+// A row whose first column holds id and whose second holds a text.
+CLigneSelect* Row(int id) {
+    CLigneSelect* row = new CLigneSelect();
+    row->AddParam(LongValue(id));
+    row->AddParam(TextValue(L"row"));
+    return row;
+}
+
+int FirstColumn(CSelectBuffer& buffer) {
+    CParam* p = nullptr;
+    if (buffer.GetData(1, &p) != 0 || !p) return -1;
+    return p->valNum.lVal;
+}
+
+TEST(SelectBuffer, EmptyBufferHasNothingToFetchOrRead) {
+    CSelectBuffer buffer;
+    int remaining = 77;
+    EXPECT_EQ(KVN_NO_DATA, buffer.Fetch(remaining));
+    EXPECT_EQ(77, remaining);
+    CParam* p = reinterpret_cast<CParam*>(0x1);
+    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(1, &p));
+    EXPECT_EQ(reinterpret_cast<CParam*>(0x1), p);
+    EXPECT_EQ(0, buffer.GetNbLigne());
+}
+
+TEST(SelectBuffer, FetchWalksThreeRowsAndDropsEachAfterItWasCurrent) {
+    CSelectBuffer buffer;
+    for (int i = 1; i <= 3; i++) EXPECT_EQ(0, buffer.AddLigne(Row(i)));
+    EXPECT_EQ(3, buffer.GetNbLigne());
+
+    int remaining = -1;
+    ASSERT_EQ(0, buffer.Fetch(remaining));
+    EXPECT_EQ(2, remaining);
+    EXPECT_EQ(1, FirstColumn(buffer)); // nothing deleted by the first Fetch
+    EXPECT_EQ(2, buffer.GetNbLigne());
+
+    ASSERT_EQ(0, buffer.Fetch(remaining));
+    EXPECT_EQ(1, remaining);
+    EXPECT_EQ(2, FirstColumn(buffer));
+
+    ASSERT_EQ(0, buffer.Fetch(remaining));
+    EXPECT_EQ(0, remaining);
+    EXPECT_EQ(3, FirstColumn(buffer));
+    EXPECT_EQ(0, buffer.GetNbLigne());
+
+    remaining = 55;
+    EXPECT_EQ(KVN_NO_DATA, buffer.Fetch(remaining));
+    EXPECT_EQ(55, remaining);
+    EXPECT_EQ(0, buffer.GetNbLigne());
+    EXPECT_EQ(-1, FirstColumn(buffer));
+}
+
+TEST(SelectBuffer, RowsAppendedAfterTheCurrentRowFollowIt) {
+    CSelectBuffer buffer;
+    buffer.AddLigne(Row(1));
+    int remaining = 0;
+    ASSERT_EQ(0, buffer.Fetch(remaining));
+    EXPECT_EQ(0, buffer.GetNbLigne());
+    // The next block arrives while row 1 is current.
+    buffer.AddLigne(Row(2));
+    buffer.AddLigne(Row(3));
+    EXPECT_EQ(2, buffer.GetNbLigne());
+    ASSERT_EQ(0, buffer.Fetch(remaining));
+    EXPECT_EQ(1, remaining);
+    EXPECT_EQ(2, FirstColumn(buffer));
+}
+
+TEST(SelectBuffer, GetDataReadsTheHeadRowWithinItsColumns) {
+    CSelectBuffer buffer;
+    buffer.AddLigne(Row(9));
+    buffer.AddLigne(Row(10));
+
+    // Before any Fetch the head row is read.
+    CParam* p = nullptr;
+    ASSERT_EQ(0, buffer.GetData(1, &p));
+    EXPECT_EQ(9, p->valNum.lVal);
+    ASSERT_EQ(0, buffer.GetData(2, &p));
+    EXPECT_STREQ(L"row", p->pszValeur);
+
+    CParam* untouched = reinterpret_cast<CParam*>(0x1);
+    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(0, &untouched));
+    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(-1, &untouched));
+    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(3, &untouched));
+    EXPECT_EQ(reinterpret_cast<CParam*>(0x1), untouched);
+
+    // Reading changes nothing in the queue.
+    EXPECT_EQ(2, buffer.GetNbLigne());
+}
+
+TEST(SelectBuffer, SuppLigneAndVideBufferEmptyTheQueue) {
+    CSelectBuffer buffer;
+    buffer.AddLigne(Row(1));
+    buffer.AddLigne(Row(2));
+    int remaining = 0;
+    buffer.Fetch(remaining);
+    buffer.SuppLigne(); // drops the head row; row 2 now stands where the current row was
+    EXPECT_EQ(2, FirstColumn(buffer));
+    EXPECT_EQ(0, buffer.GetNbLigne());
+    buffer.SuppLigne(); // the queue is empty: nothing is current any more
+    EXPECT_EQ(-1, FirstColumn(buffer));
+    buffer.SuppLigne(); // on an empty queue: nothing happens
+    buffer.AddLigne(Row(5));
+    EXPECT_EQ(1, buffer.GetNbLigne());
+    ASSERT_EQ(0, buffer.Fetch(remaining));
+    EXPECT_EQ(5, FirstColumn(buffer));
+
+    buffer.AddLigne(Row(3));
+    buffer.SetLastLigne();
+    buffer.SetCurrentRecept(1);
+    buffer.VideBuffer();
+    EXPECT_EQ(0, buffer.GetNbLigne());
+    EXPECT_EQ(0, buffer.IsLastLigne());
+    EXPECT_EQ(1, buffer.IsCurrentReceptLine()); // the receiver's flag is its own
+    EXPECT_EQ(KVN_NO_DATA, buffer.Fetch(remaining));
+
+    // After VideBuffer the next row appended is delivered by the first Fetch.
+    buffer.AddLigne(Row(4));
+    ASSERT_EQ(0, buffer.Fetch(remaining));
+    EXPECT_EQ(4, FirstColumn(buffer));
+}
+
+TEST(SelectBuffer, FlagsAreSetAndRead) {
+    CSelectBuffer buffer;
+    EXPECT_EQ(0, buffer.IsLastLigne());
+    EXPECT_EQ(0, buffer.IsCurrentReceptLine());
+    buffer.SetLastLigne();
+    buffer.SetCurrentRecept(1);
+    EXPECT_EQ(1, buffer.IsLastLigne());
+    EXPECT_EQ(1, buffer.IsCurrentReceptLine());
+    buffer.SetCurrentRecept(0);
+    EXPECT_EQ(0, buffer.IsCurrentReceptLine());
+}
+
+TEST(SelectRow, CopiesOwnTheirValues) {
+    CLigneSelect original;
+    original.AddParam(LongValue(5));
+    original.AddParam(TextValue(L"texte"));
+    {
+        CLigneSelect copy(original);
+        ASSERT_EQ(2, copy.GetNbColonnes());
+        EXPECT_EQ(5, copy.GetParam(1)->valNum.lVal);
+        EXPECT_STREQ(L"texte", copy.GetParam(2)->pszValeur);
+        EXPECT_NE(original.GetParam(2)->pszValeur, copy.GetParam(2)->pszValeur);
+    }
+    {
+        CLigneSelect assigned;
+        assigned.AddParam(LongValue(1));
+        assigned.AddParam(LongValue(2));
+        assigned.AddParam(LongValue(3));
+        assigned = original; // the three earlier values are released
+        ASSERT_EQ(2, assigned.GetNbColonnes());
+        EXPECT_STREQ(L"texte", assigned.GetParam(2)->pszValeur);
+    }
+    // The copies are gone; the original is intact.
+    ASSERT_EQ(2, original.GetNbColonnes());
+    EXPECT_EQ(5, original.GetParam(1)->valNum.lVal);
+    EXPECT_STREQ(L"texte", original.GetParam(2)->pszValeur);
+    EXPECT_EQ(nullptr, original.GetParam(0));
+    EXPECT_EQ(nullptr, original.GetParam(3));
+
+    original.VideLigne();
+    EXPECT_EQ(0, original.GetNbColonnes());
+}
+
+// The connection's thread appends while the application's thread walks the
+// rows: every row arrives once, in order.
+TEST(SelectBuffer, RowsAppendedFromAnotherThreadArriveInOrder) {
+    const int kRows = 2000;
+    CSelectBuffer buffer;
+    std::thread receiver([&] {
+        buffer.SetCurrentRecept(1);
+        for (int i = 1; i <= kRows; i++) buffer.AddLigne(Row(i));
+        buffer.SetLastLigne();
+        buffer.SetCurrentRecept(0);
+    });
+
+    int expected = 1;
+    int remaining = 0;
+    while (expected <= kRows) {
+        if (buffer.GetNbLigne() > 0) {
+            ASSERT_EQ(0, buffer.Fetch(remaining));
+            ASSERT_EQ(expected, FirstColumn(buffer));
+            expected++;
+        } else {
+            std::this_thread::yield();
+        }
+    }
+    receiver.join();
+    EXPECT_EQ(KVN_NO_DATA, buffer.Fetch(remaining));
+    EXPECT_EQ(1, buffer.IsLastLigne());
+}
+
+} // namespace
