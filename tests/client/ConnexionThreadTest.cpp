@@ -121,6 +121,9 @@ TEST_F(ConnexionThread, ASocketClosedByTheServiceIsReopenedWithTheSameHandle) {
     ASSERT_TRUE(CommModified()) << "the close is reported";
     ASSERT_TRUE(WaitUntil([&] { return client.IsConnexionConnected(hCnx) != FALSE; }));
     EXPECT_TRUE(CommModified(0)) << "the re-opening is reported";
+    // The script records the handle once its answer was acknowledged, which
+    // may come after the client already counts the connection as up.
+    ASSERT_TRUE(WaitUntil([&] { return reopenedHandle.load() != 0; }));
     EXPECT_EQ(hCnx, reopenedHandle.load());
     EXPECT_GE(reopenedAt - closedAt, 500 - kvntest::kTickSlackMs)
         << "the service is given time to let the old socket go";
