@@ -1,0 +1,124 @@
+// Links to korvaned for the tests.
+#include "ServiceLinks.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/Threads.h"
+#include "support/TestUtil.h"
+
+bool ReceiveAnswer(SOCKET sock, CMsgSocket& answer, int timeoutMs) {
+    const auto start = kvntest::Clock::now();
+    do {
+        // Each call waits up to 2 s for a header.
+        answer.ReceiveMessage(sock);
+        if (answer.GetFonction() != -1) return true;
+    } while (kvntest::MsSince(start) < timeoutMs);
+    return false;
+}
+
+ApplicationLink::ApplicationLink(unsigned short port, const wchar_t* name) : socket(port), result(-1) {
+    message.Init(0, 0, socket.Get(), &comm);
+    result = message.SendInitApplication(name);
+    message.GetParamComm(&comm);
+}
+
+ConnexionLink::ConnexionLink(unsigned short port, int idApplication, int idConnexion, bool reinit)
+    : socket(port), result(-1) {
+    CParamComm comm;
+    request.Init(idApplication, idConnexion, socket.Get(), &comm);
+    result = reinit ? request.SendReInitConnexion() : request.SendInitConnexion();
+}
+
+int RegisterWithin(unsigned short port, int timeoutMs) {
+    const auto start = kvntest::Clock::now();
+    for (;;) {
+        ApplicationLink app(port);
+        if (app.result == 0 || kvntest::MsSince(start) >= timeoutMs) return app.result;
+        KvnSleep(50);
+    }
+}
+
+bool ConnexionLink::Exchange() {
+    const int sent = request.SendMessageW(socket.Get(), -1, -1);
+    EXPECT_EQ(1, sent) << "request " << request.GetFonction() << " not acknowledged";
+    if (sent != 1) return false;
+    const bool received = ReceiveAnswer(socket.Get(), answer);
+    EXPECT_TRUE(received) << "no answer to request " << request.GetFonction();
+    return received;
+}
+
+bool ConnexionLink::Execute(const wchar_t* sql) {
+    EXPECT_EQ(0, request.CreateExec(sql));
+    return Exchange();
+}
+
+bool ConnexionLink::Select(const wchar_t* sql) {
+    EXPECT_EQ(0, request.CreateExecSelect(sql));
+    return Exchange();
+}
+
+bool ConnexionLink::GetLine(int rows) {
+    EXPECT_EQ(0, request.CreateGetLine(rows));
+    return Exchange();
+}
+
+bool ConnexionLink::ErrorText() {
+    EXPECT_EQ(0, request.CreateGetErrorText());
+    return Exchange();
+}
+
+namespace {
+
+CParam* At(CMsgSocket& m, int i) {
+    CParam* p = nullptr;
+    if (!m.GetParametre(i, &p)) {
+        ADD_FAILURE() << "no value " << i << " (the message holds " << m.GetNbParametre() << ")";
+        return nullptr;
+    }
+    return p;
+}
+
+CParam* Typed(CMsgSocket& m, int i, int type) {
+    CParam* p = At(m, i);
+    if (!p) return nullptr;
+    const int actual = static_cast<signed char>(p->cType);
+    const bool text = type == SQL_C_CHAR || type == SQL_C_WCHAR;
+    if ((text && actual != SQL_C_CHAR && actual != SQL_C_WCHAR) || (!text && actual != type) || p->bNull) {
+        ADD_FAILURE() << "value " << i << ": type " << actual << (p->bNull ? " NULL" : "") << ", expected "
+                      << type;
+        return nullptr;
+    }
+    return p;
+}
+
+}  // namespace
+
+int LongAt(CMsgSocket& m, int i) {
+    CParam* p = Typed(m, i, SQL_C_LONG);
+    return p ? p->valNum.lVal : -12345;
+}
+
+long long BigAt(CMsgSocket& m, int i) {
+    CParam* p = Typed(m, i, SQL_C_SBIGINT);
+    return p ? p->valNum.llVal : -12345;
+}
+
+double DoubleAt(CMsgSocket& m, int i) {
+    CParam* p = Typed(m, i, SQL_C_DOUBLE);
+    return p ? p->valNum.dVal : -12345.0;
+}
+
+std::wstring TextAt(CMsgSocket& m, int i) {
+    CParam* p = Typed(m, i, SQL_C_CHAR);
+    return p && p->pszValeur ? p->pszValeur : L"<none>";
+}
+
+bool NullAt(CMsgSocket& m, int i) {
+    CParam* p = At(m, i);
+    return p && p->bNull;
+}
+
+int TypeAt(CMsgSocket& m, int i) {
+    CParam* p = At(m, i);
+    return p ? static_cast<signed char>(p->cType) : 0;
+}

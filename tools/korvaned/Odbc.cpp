@@ -1,0 +1,644 @@
+// ODBC connections of the service, over unixODBC's narrow (UTF-8) functions.
+#include "Odbc.h"
+
+#include <sql.h>
+#include <sqlext.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <limits>
+#include <mutex>
+
+#include "ServiceLog.h"
+
+namespace {
+
+// A text value on the wire holds at most 32767 UTF-16 code units; reading
+// more than 4 bytes a unit of UTF-8 is never useful.
+constexpr std::size_t kMaxTextBytes = 32767 * 4;
+// Room for the value of an OUT or IN/OUT text parameter.
+constexpr std::size_t kOutTextBytes = 16384;
+
+// The one environment of the process, made on first use.
+SQLHENV Environment() {
+    static SQLHENV env = SQL_NULL_HENV;
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (!SQL_SUCCEEDED(SQLAllocHandle(SQL_HANDLE_ENV, SQL_NULL_HANDLE, &env))) {
+            env = SQL_NULL_HENV;
+            return;
+        }
+        SQLSetEnvAttr(env, SQL_ATTR_ODBC_VERSION, reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3), 0);
+    });
+    return env;
+}
+
+bool SameName(const std::string& a, const std::string& b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(a[i])) !=
+            std::tolower(static_cast<unsigned char>(b[i]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+SQLCHAR* Sql(const std::string& text) {
+    return reinterpret_cast<SQLCHAR*>(const_cast<char*>(text.c_str()));
+}
+
+SQLINTEGER SqlLength(const std::string& text) {
+    return static_cast<SQLINTEGER>(std::min<std::size_t>(text.size(), std::numeric_limits<SQLINTEGER>::max()));
+}
+
+// How a result column is read and sent.
+DbValue::Kind KindOfColumn(SQLSMALLINT sqlType) {
+    switch (sqlType) {
+    case SQL_BIT:
+    case SQL_TINYINT:
+    case SQL_SMALLINT:
+    case SQL_INTEGER:
+        return DbValue::Kind::Integer;
+    case SQL_BIGINT:
+        return DbValue::Kind::BigInt;
+    case SQL_REAL:
+    case SQL_FLOAT:
+    case SQL_DOUBLE:
+    case SQL_DECIMAL:
+    case SQL_NUMERIC:
+        return DbValue::Kind::Double;
+    case SQL_DATE:
+    case SQL_TIME:
+    case SQL_TIMESTAMP:
+    case SQL_TYPE_DATE:
+    case SQL_TYPE_TIME:
+    case SQL_TYPE_TIMESTAMP:
+        return DbValue::Kind::Timestamp;
+    default:
+        return DbValue::Kind::Text;
+    }
+}
+
+// Bytes that a value takes in a message: the 3-byte record head, then the
+// value (a text at most 2 bytes for each of its UTF-8 bytes).
+std::size_t WireBytes(const DbValue& v) {
+    if (v.null) return 3;
+    switch (v.kind) {
+    case DbValue::Kind::Integer: return 3 + 4;
+    case DbValue::Kind::BigInt:
+    case DbValue::Kind::Double: return 3 + 8;
+    case DbValue::Kind::Timestamp: return 3 + 18;
+    case DbValue::Kind::Text: break;
+    }
+    return 3 + 2 * std::min<std::size_t>(v.text.size(), 32767);
+}
+
+// Cuts the longest texts of a row until it takes at most maxBytes on the
+// wire: a row must fit in one message. Cuts fall on character boundaries.
+void FitRow(std::vector<DbValue>& row, std::size_t& bytes, std::size_t maxBytes) {
+    while (bytes > maxBytes) {
+        DbValue* longest = nullptr;
+        for (DbValue& v : row) {
+            if (!v.null && v.kind == DbValue::Kind::Text && (!longest || v.text.size() > longest->text.size())) {
+                longest = &v;
+            }
+        }
+        if (!longest || longest->text.empty()) return;
+        const std::size_t before = WireBytes(*longest);
+        std::size_t keep = longest->text.size() / 2;
+        while (keep > 0 && (static_cast<unsigned char>(longest->text[keep]) & 0xC0) == 0x80) --keep;
+        longest->text.resize(keep);
+        bytes -= before - WireBytes(*longest);
+    }
+}
+
+DbTimestamp FromOdbc(const SQL_TIMESTAMP_STRUCT& ts) {
+    DbTimestamp t;
+    t.year = ts.year;
+    t.month = ts.month;
+    t.day = ts.day;
+    t.hour = ts.hour;
+    t.minute = ts.minute;
+    t.second = ts.second;
+    t.fraction = ts.fraction;
+    return t;
+}
+
+SQL_TIMESTAMP_STRUCT ToOdbc(const DbTimestamp& t) {
+    SQL_TIMESTAMP_STRUCT ts{};
+    ts.year = static_cast<SQLSMALLINT>(t.year);
+    ts.month = static_cast<SQLUSMALLINT>(t.month);
+    ts.day = static_cast<SQLUSMALLINT>(t.day);
+    ts.hour = static_cast<SQLUSMALLINT>(t.hour);
+    ts.minute = static_cast<SQLUSMALLINT>(t.minute);
+    ts.second = static_cast<SQLUSMALLINT>(t.second);
+    ts.fraction = t.fraction;
+    return ts;
+}
+
+// A parameter bound to a statement: its storage must stay put until the
+// statement has run, hence a deque of these.
+struct Bound {
+    SQLSMALLINT io = SQL_PARAM_INPUT;
+    SQLSMALLINT cType = SQL_C_CHAR;
+    SQLSMALLINT sqlType = SQL_VARCHAR;
+    SQLULEN columnSize = 0;
+    SQLINTEGER longValue = 0;
+    SQLBIGINT bigValue = 0;
+    double doubleValue = 0;
+    SQL_TIMESTAMP_STRUCT timestamp{};
+    std::vector<char> text;
+    SQLLEN indicator = 0;
+};
+
+SQLRETURN BindOne(SQLHSTMT stmt, SQLUSMALLINT position, SQLSMALLINT io, const DbValue& v, Bound& b) {
+    b.io = io;
+    SQLPOINTER data = nullptr;
+    SQLLEN bufferLength = 0;
+    switch (v.kind) {
+    case DbValue::Kind::Integer:
+        b.cType = SQL_C_SLONG, b.sqlType = SQL_INTEGER, b.columnSize = 10;
+        b.longValue = static_cast<SQLINTEGER>(v.integer);
+        data = &b.longValue;
+        break;
+    case DbValue::Kind::BigInt:
+        b.cType = SQL_C_SBIGINT, b.sqlType = SQL_BIGINT, b.columnSize = 19;
+        b.bigValue = v.integer;
+        data = &b.bigValue;
+        break;
+    case DbValue::Kind::Double:
+        b.cType = SQL_C_DOUBLE, b.sqlType = SQL_DOUBLE, b.columnSize = 15;
+        b.doubleValue = v.real;
+        data = &b.doubleValue;
+        break;
+    case DbValue::Kind::Timestamp:
+        b.cType = SQL_C_TYPE_TIMESTAMP, b.sqlType = SQL_TYPE_TIMESTAMP, b.columnSize = 19;
+        b.timestamp = ToOdbc(v.timestamp);
+        data = &b.timestamp;
+        break;
+    case DbValue::Kind::Text: {
+        b.cType = SQL_C_CHAR, b.sqlType = SQL_VARCHAR;
+        const std::size_t room = io == SQL_PARAM_INPUT ? v.text.size() + 1
+                                                       : std::max(v.text.size() + 1, kOutTextBytes);
+        b.text.assign(room, '\0');
+        std::memcpy(b.text.data(), v.text.data(), v.text.size());
+        b.columnSize = std::max<SQLULEN>(1, io == SQL_PARAM_INPUT ? v.text.size() : room - 1);
+        data = b.text.data();
+        bufferLength = static_cast<SQLLEN>(room);
+        break;
+    }
+    }
+    b.indicator = v.null ? SQL_NULL_DATA
+                         : (v.kind == DbValue::Kind::Text ? static_cast<SQLLEN>(v.text.size()) : 0);
+    return SQLBindParameter(stmt, position, io, b.cType, b.sqlType, b.columnSize, 0, data, bufferLength,
+                            &b.indicator);
+}
+
+// The value of an OUT or IN/OUT parameter after the call.
+DbValue ReadBack(const DbValue& declared, const Bound& b) {
+    DbValue v;
+    v.kind = declared.kind;
+    v.null = b.indicator == SQL_NULL_DATA;
+    if (v.null) return v;
+    switch (v.kind) {
+    case DbValue::Kind::Integer: v.integer = b.longValue; break;
+    case DbValue::Kind::BigInt: v.integer = b.bigValue; break;
+    case DbValue::Kind::Double: v.real = b.doubleValue; break;
+    case DbValue::Kind::Timestamp: v.timestamp = FromOdbc(b.timestamp); break;
+    case DbValue::Kind::Text: {
+        std::size_t n = b.indicator >= 0 ? static_cast<std::size_t>(b.indicator) : 0;
+        if (b.indicator == SQL_NTS) n = std::strlen(b.text.data());
+        n = std::min(n, b.text.size() - 1);
+        v.text.assign(b.text.data(), n);
+        break;
+    }
+    }
+    return v;
+}
+
+}  // namespace
+
+std::string FindSqliteDriver() {
+    static const char* const kPlaces[] = {
+        "/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so",
+        "/usr/lib/aarch64-linux-gnu/odbc/libsqlite3odbc.so",
+        "/usr/lib/i386-linux-gnu/odbc/libsqlite3odbc.so",
+        "/usr/lib/arm-linux-gnueabihf/odbc/libsqlite3odbc.so",
+        "/usr/lib/odbc/libsqlite3odbc.so",
+        "/usr/lib64/libsqlite3odbc.so",
+        "/usr/lib/libsqlite3odbc.so",
+        "/usr/local/lib/libsqlite3odbc.so",
+    };
+    for (const char* place : kPlaces) {
+        std::ifstream probe(place);
+        if (probe.good()) return place;
+    }
+    return std::string();
+}
+
+std::string SqliteConnectionString(const std::string& driverPath, const std::string& file) {
+    // Timeout: how long a writer waits for another connection's lock (ms),
+    // since every logical connection has a connection of its own to the file.
+    return "DRIVER=" + driverPath + ";Database=" + file + ";Timeout=10000;";
+}
+
+struct OdbcConnexion::Cursor {
+    SQLHSTMT stmt = SQL_NULL_HSTMT;
+    std::vector<DbValue::Kind> kinds;
+    // A row read ahead to learn whether the last block was the last one.
+    std::vector<DbValue> pending;
+    std::size_t pendingBytes = 0;
+    bool hasPending = false;
+};
+
+OdbcConnexion::OdbcConnexion() : dbc_(nullptr), cursor_(nullptr), selectColumns_(0), broken_(false) {}
+
+OdbcConnexion::~OdbcConnexion() { Close(); }
+
+bool OdbcConnexion::Open(const std::string& connectionString) {
+    Close();
+    SQLHENV env = Environment();
+    if (env == SQL_NULL_HENV) {
+        lastError_ = "ODBC environment could not be created";
+        return false;
+    }
+    SQLHDBC dbc = SQL_NULL_HDBC;
+    if (!SQL_SUCCEEDED(SQLAllocHandle(SQL_HANDLE_DBC, env, &dbc))) {
+        KeepDiagnostic(SQL_HANDLE_ENV, env, "SQLAllocHandle");
+        return false;
+    }
+    SQLCHAR out[1024];
+    SQLSMALLINT outLength = 0;
+    SQLRETURN r = SQLDriverConnect(dbc, nullptr, Sql(connectionString), SQL_NTS, out, sizeof(out),
+                                   &outLength, SQL_DRIVER_NOPROMPT);
+    if (!SQL_SUCCEEDED(r)) {
+        KeepDiagnostic(SQL_HANDLE_DBC, dbc, "SQLDriverConnect");
+        SQLFreeHandle(SQL_HANDLE_DBC, dbc);
+        return false;
+    }
+    dbc_ = dbc;
+    return true;
+}
+
+bool OdbcConnexion::IsOpen() const { return dbc_ != nullptr; }
+
+void OdbcConnexion::Close() {
+    CloseSelect();
+    if (dbc_) {
+        SQLDisconnect(static_cast<SQLHDBC>(dbc_));
+        SQLFreeHandle(SQL_HANDLE_DBC, static_cast<SQLHDBC>(dbc_));
+        dbc_ = nullptr;
+    }
+    broken_ = false;
+}
+
+void OdbcConnexion::KeepDiagnostic(short handleType, void* handle, const char* what) {
+    std::string text;
+    for (SQLSMALLINT i = 1; i <= 20; ++i) {
+        SQLCHAR state[6] = {};
+        SQLINTEGER native = 0;
+        SQLCHAR message[SQL_MAX_MESSAGE_LENGTH + 1] = {};
+        SQLSMALLINT length = 0;
+        SQLRETURN r = SQLGetDiagRec(handleType, handle, i, state, &native, message, sizeof(message),
+                                    &length);
+        if (!SQL_SUCCEEDED(r)) break;
+        if (state[0] == '0' && state[1] == '8' && handleType != SQL_HANDLE_ENV) broken_ = dbc_ != nullptr;
+        if (!text.empty()) text += '\n';
+        text += '[';
+        text += reinterpret_cast<const char*>(state);
+        text += "] ";
+        text += reinterpret_cast<const char*>(message);
+    }
+    if (text.empty()) text = std::string(what) + " failed without diagnostic";
+    lastError_ = text;
+    ServiceLog(2, "ODBC %s: %s", what, text.c_str());
+}
+
+void* OdbcConnexion::NewStatement() {
+    if (!dbc_) {
+        lastError_ = "no database connection";
+        return nullptr;
+    }
+    SQLHSTMT stmt = SQL_NULL_HSTMT;
+    if (!SQL_SUCCEEDED(SQLAllocHandle(SQL_HANDLE_STMT, static_cast<SQLHDBC>(dbc_), &stmt))) {
+        KeepDiagnostic(SQL_HANDLE_DBC, dbc_, "SQLAllocHandle");
+        return nullptr;
+    }
+    return stmt;
+}
+
+void OdbcConnexion::FreeStatement(void* stmt) {
+    if (stmt) SQLFreeHandle(SQL_HANDLE_STMT, static_cast<SQLHSTMT>(stmt));
+}
+
+namespace {
+
+// Frees a statement handle at the end of a scope.
+struct StatementGuard {
+    void* stmt;
+    ~StatementGuard() {
+        if (stmt) SQLFreeHandle(SQL_HANDLE_STMT, static_cast<SQLHSTMT>(stmt));
+    }
+};
+
+long long RowCount(SQLHSTMT stmt) {
+    SQLLEN rows = -1;
+    if (!SQL_SUCCEEDED(SQLRowCount(stmt, &rows))) return -1;
+    return static_cast<long long>(rows);
+}
+
+// SQL_NO_DATA is what a searched UPDATE or DELETE that touched no row returns.
+bool Ran(SQLRETURN r) { return SQL_SUCCEEDED(r) || r == SQL_NO_DATA; }
+
+}  // namespace
+
+bool OdbcConnexion::Execute(const std::string& sql, long long* rowCount) {
+    StatementGuard g{NewStatement()};
+    if (!g.stmt) return false;
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
+    SQLRETURN r = SQLExecDirect(stmt, Sql(sql), SqlLength(sql));
+    if (!Ran(r)) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLExecDirect");
+        return false;
+    }
+    *rowCount = r == SQL_NO_DATA ? 0 : RowCount(stmt);
+    return true;
+}
+
+bool OdbcConnexion::ExecuteBind(const std::string& sql, const std::vector<DbValue>& params,
+                                long long* rowCount) {
+    StatementGuard g{NewStatement()};
+    if (!g.stmt) return false;
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
+    if (!SQL_SUCCEEDED(SQLPrepare(stmt, Sql(sql), SqlLength(sql)))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLPrepare");
+        return false;
+    }
+    std::deque<Bound> bound(params.size());
+    for (std::size_t i = 0; i < params.size(); ++i) {
+        if (!SQL_SUCCEEDED(BindOne(stmt, static_cast<SQLUSMALLINT>(i + 1), SQL_PARAM_INPUT, params[i],
+                                   bound[i]))) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLBindParameter");
+            return false;
+        }
+    }
+    SQLRETURN r = SQLExecute(stmt);
+    if (!Ran(r)) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLExecute");
+        return false;
+    }
+    *rowCount = r == SQL_NO_DATA ? 0 : RowCount(stmt);
+    return true;
+}
+
+bool OdbcConnexion::CallProcedure(const std::string& name, std::vector<DbProcParam>& params) {
+    StatementGuard g{NewStatement()};
+    if (!g.stmt) return false;
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
+    std::string call = "{CALL " + name + "(";
+    for (std::size_t i = 0; i < params.size(); ++i) call += i ? ", ?" : "?";
+    call += ")}";
+    if (!SQL_SUCCEEDED(SQLPrepare(stmt, Sql(call), SqlLength(call)))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLPrepare");
+        return false;
+    }
+    std::deque<Bound> bound(params.size());
+    for (std::size_t i = 0; i < params.size(); ++i) {
+        const SQLSMALLINT io = params[i].direction == DbDirection::In      ? SQL_PARAM_INPUT
+                               : params[i].direction == DbDirection::InOut ? SQL_PARAM_INPUT_OUTPUT
+                                                                           : SQL_PARAM_OUTPUT;
+        if (!SQL_SUCCEEDED(BindOne(stmt, static_cast<SQLUSMALLINT>(i + 1), io, params[i].value, bound[i]))) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLBindParameter");
+            return false;
+        }
+    }
+    SQLRETURN r = SQLExecute(stmt);
+    if (!Ran(r)) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLExecute");
+        return false;
+    }
+    // Some drivers fill the OUT parameters only once every result set of the
+    // call has been passed over.
+    for (int guard = 0; guard < 64; ++guard) {
+        r = SQLMoreResults(stmt);
+        if (r == SQL_NO_DATA) break;
+        if (!SQL_SUCCEEDED(r)) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLMoreResults");
+            return false;
+        }
+    }
+    for (std::size_t i = 0; i < params.size(); ++i) {
+        if (params[i].direction != DbDirection::In) params[i].value = ReadBack(params[i].value, bound[i]);
+    }
+    return true;
+}
+
+bool OdbcConnexion::OpenSelect(const std::string& sql, int* columns) {
+    CloseSelect();
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(NewStatement());
+    if (!stmt) return false;
+    SQLRETURN r = SQLExecDirect(stmt, Sql(sql), SqlLength(sql));
+    if (!Ran(r)) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLExecDirect");
+        FreeStatement(stmt);
+        return false;
+    }
+    SQLSMALLINT count = 0;
+    if (r == SQL_NO_DATA || !SQL_SUCCEEDED(SQLNumResultCols(stmt, &count)) || count <= 0) {
+        FreeStatement(stmt);
+        *columns = 0;
+        return true;
+    }
+    auto* cursor = new Cursor;
+    cursor->stmt = stmt;
+    for (SQLSMALLINT c = 1; c <= count; ++c) {
+        SQLCHAR name[256];
+        SQLSMALLINT nameLength = 0, type = 0, digits = 0, nullable = 0;
+        SQLULEN size = 0;
+        if (!SQL_SUCCEEDED(SQLDescribeCol(stmt, static_cast<SQLUSMALLINT>(c), name, sizeof(name), &nameLength,
+                                          &type, &size, &digits, &nullable))) {
+            type = SQL_VARCHAR;
+        }
+        cursor->kinds.push_back(KindOfColumn(type));
+    }
+    cursor_ = cursor;
+    selectColumns_ = count;
+    *columns = count;
+    return true;
+}
+
+void OdbcConnexion::CloseSelect() {
+    if (cursor_) {
+        FreeStatement(cursor_->stmt);
+        delete cursor_;
+        cursor_ = nullptr;
+    }
+    selectColumns_ = 0;
+}
+
+bool OdbcConnexion::ReadRow(std::vector<DbValue>* cells, std::size_t* bytes) {
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(cursor_->stmt);
+    *bytes = 0;
+    for (std::size_t c = 0; c < cursor_->kinds.size(); ++c) {
+        const SQLUSMALLINT column = static_cast<SQLUSMALLINT>(c + 1);
+        DbValue v;
+        v.kind = cursor_->kinds[c];
+        SQLLEN indicator = 0;
+        SQLRETURN r = SQL_SUCCESS;
+        switch (v.kind) {
+        case DbValue::Kind::Integer:
+        case DbValue::Kind::BigInt: {
+            // Read 64 bits whatever the declared width (SQLite keeps 64-bit
+            // integers in INTEGER columns); sent as 32 bits when they fit.
+            SQLBIGINT n = 0;
+            r = SQLGetData(stmt, column, SQL_C_SBIGINT, &n, sizeof(n), &indicator);
+            v.integer = n;
+            if (v.kind == DbValue::Kind::Integer &&
+                (n < std::numeric_limits<std::int32_t>::min() || n > std::numeric_limits<std::int32_t>::max())) {
+                v.kind = DbValue::Kind::BigInt;
+            }
+            break;
+        }
+        case DbValue::Kind::Double:
+            r = SQLGetData(stmt, column, SQL_C_DOUBLE, &v.real, sizeof(v.real), &indicator);
+            break;
+        case DbValue::Kind::Timestamp: {
+            SQL_TIMESTAMP_STRUCT ts{};
+            r = SQLGetData(stmt, column, SQL_C_TYPE_TIMESTAMP, &ts, sizeof(ts), &indicator);
+            v.timestamp = FromOdbc(ts);
+            break;
+        }
+        case DbValue::Kind::Text: {
+            char chunk[4096];
+            for (;;) {
+                r = SQLGetData(stmt, column, SQL_C_CHAR, chunk, sizeof(chunk), &indicator);
+                if (r == SQL_NO_DATA) {
+                    r = SQL_SUCCESS;
+                    break;
+                }
+                if (!SQL_SUCCEEDED(r) || indicator == SQL_NULL_DATA) break;
+                const std::size_t got = (indicator == SQL_NO_TOTAL || indicator >= static_cast<SQLLEN>(sizeof(chunk)))
+                                            ? sizeof(chunk) - 1
+                                            : static_cast<std::size_t>(indicator);
+                if (v.text.size() < kMaxTextBytes) v.text.append(chunk, got);
+                if (r == SQL_SUCCESS) break;
+            }
+            break;
+        }
+        }
+        if (!SQL_SUCCEEDED(r)) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLGetData");
+            return false;
+        }
+        v.null = indicator == SQL_NULL_DATA;
+        if (v.null) v.text.clear();
+        *bytes += WireBytes(v);
+        cells->push_back(std::move(v));
+    }
+    return true;
+}
+
+bool OdbcConnexion::FetchBlock(int maxRows, std::size_t maxBytes, std::vector<DbValue>* cells, int* rows,
+                               bool* more) {
+    *rows = 0;
+    *more = false;
+    if (!cursor_) return true;
+    std::size_t total = 0;
+    if (cursor_->hasPending) {
+        total = cursor_->pendingBytes;
+        for (DbValue& v : cursor_->pending) cells->push_back(std::move(v));
+        cursor_->pending.clear();
+        cursor_->hasPending = false;
+        *rows = 1;
+    }
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(cursor_->stmt);
+    for (;;) {
+        SQLRETURN r = SQLFetch(stmt);
+        if (r == SQL_NO_DATA) {
+            CloseSelect();
+            return true;
+        }
+        if (!SQL_SUCCEEDED(r)) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLFetch");
+            CloseSelect();
+            return false;
+        }
+        std::vector<DbValue> row;
+        std::size_t bytes = 0;
+        if (!ReadRow(&row, &bytes)) {
+            CloseSelect();
+            return false;
+        }
+        if (bytes > maxBytes) {
+            ServiceLog(1, "a row of %zu bytes is cut to fit in one message", bytes);
+            FitRow(row, bytes, maxBytes);
+        }
+        if (*rows >= maxRows || (*rows > 0 && total + bytes > maxBytes)) {
+            // The block is full: this row opens the next one.
+            cursor_->pending = std::move(row);
+            cursor_->pendingBytes = bytes;
+            cursor_->hasPending = true;
+            *more = true;
+            return true;
+        }
+        for (DbValue& v : row) cells->push_back(std::move(v));
+        total += bytes;
+        ++*rows;
+    }
+}
+
+bool OdbcConnexion::TableExists(const std::string& table, bool* exists) {
+    *exists = false;
+    StatementGuard g{NewStatement()};
+    if (!g.stmt) return false;
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
+    if (!SQL_SUCCEEDED(SQLTables(stmt, nullptr, 0, nullptr, 0, Sql(table), SQL_NTS, nullptr, 0))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLTables");
+        return false;
+    }
+    // The name is a search pattern ('_' matches any character): compare.
+    while (SQL_SUCCEEDED(SQLFetch(stmt))) {
+        char name[512] = {};
+        SQLLEN indicator = 0;
+        if (SQL_SUCCEEDED(SQLGetData(stmt, 3, SQL_C_CHAR, name, sizeof(name), &indicator)) &&
+            indicator != SQL_NULL_DATA && SameName(name, table)) {
+            *exists = true;
+            break;
+        }
+    }
+    return true;
+}
+
+bool OdbcConnexion::Columns(const std::string& table, std::vector<DbColumn>* columns) {
+    columns->clear();
+    StatementGuard g{NewStatement()};
+    if (!g.stmt) return false;
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
+    if (!SQL_SUCCEEDED(SQLColumns(stmt, nullptr, 0, nullptr, 0, Sql(table), SQL_NTS, nullptr, 0))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLColumns");
+        return false;
+    }
+    for (;;) {
+        SQLRETURN r = SQLFetch(stmt);
+        if (r == SQL_NO_DATA) break;
+        if (!SQL_SUCCEEDED(r)) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLFetch");
+            return false;
+        }
+        char tableName[512] = {}, columnName[512] = {}, typeName[256] = {};
+        SQLLEN i1 = 0, i2 = 0, i3 = 0;
+        SQLGetData(stmt, 3, SQL_C_CHAR, tableName, sizeof(tableName), &i1);
+        SQLGetData(stmt, 4, SQL_C_CHAR, columnName, sizeof(columnName), &i2);
+        SQLGetData(stmt, 6, SQL_C_CHAR, typeName, sizeof(typeName), &i3);
+        if (i1 == SQL_NULL_DATA || !SameName(tableName, table)) continue;
+        DbColumn column;
+        column.name = i2 == SQL_NULL_DATA ? "" : columnName;
+        column.type = i3 == SQL_NULL_DATA ? "" : typeName;
+        columns->push_back(column);
+    }
+    return true;
+}

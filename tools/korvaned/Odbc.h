@@ -1,0 +1,84 @@
+// One database connection through ODBC (unixODBC's driver manager): running
+// statements, streaming a select's rows in blocks, binding parameters,
+// calling stored procedures, asking the catalog, and keeping the text of the
+// last diagnostic. Texts are UTF-8, passed to the drivers' narrow functions.
+//
+// Not thread-safe: a connection belongs to the one session that serves its
+// logical connection.
+#ifndef KORVANED_ODBC_H
+#define KORVANED_ODBC_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "DbValue.h"
+
+// Where the SQLite ODBC driver library lies on this machine; empty when none
+// of the usual places has it.
+std::string FindSqliteDriver();
+
+// The connection string of a SQLite file through the driver at driverPath:
+// the driver is named by its path, so that no driver registration is needed.
+std::string SqliteConnectionString(const std::string& driverPath, const std::string& file);
+
+class OdbcConnexion {
+public:
+    OdbcConnexion();
+    ~OdbcConnexion();
+    OdbcConnexion(const OdbcConnexion&) = delete;
+    OdbcConnexion& operator=(const OdbcConnexion&) = delete;
+
+    bool Open(const std::string& connectionString);
+    bool IsOpen() const;
+    // The driver reported the connection itself failing (SQLSTATE class 08):
+    // it is to be closed and opened again.
+    bool IsBroken() const { return broken_; }
+    void Close();
+
+    // Every operation returns false on failure, the diagnostic then in LastError().
+
+    // Runs a statement; *rowCount: rows affected (-1 when the driver cannot tell).
+    bool Execute(const std::string& sql, long long* rowCount);
+    // Runs a statement with values bound to its markers 1, 2, ...
+    bool ExecuteBind(const std::string& sql, const std::vector<DbValue>& params, long long* rowCount);
+    // Calls a procedure ({CALL name(?, ...)}); OUT and IN/OUT values are
+    // written back into params.
+    bool CallProcedure(const std::string& name, std::vector<DbProcParam>& params);
+
+    // Opens a select (closing any earlier one); *columns: result columns (0
+    // for a statement without result set, which is then already done).
+    bool OpenSelect(const std::string& sql, int* columns);
+    // The next rows of the open select, row by row into cells: at most
+    // maxRows rows, and no further row once the cells would pass maxBytes on
+    // the wire (a first row is always taken). *more tells whether rows remain;
+    // the select is closed when none does. Without open select: no row.
+    bool FetchBlock(int maxRows, std::size_t maxBytes, std::vector<DbValue>* cells, int* rows,
+                    bool* more);
+    int SelectColumns() const { return selectColumns_; }
+    void CloseSelect();
+
+    // Catalog questions. Names are compared without regard to case.
+    bool TableExists(const std::string& table, bool* exists);
+    bool Columns(const std::string& table, std::vector<DbColumn>* columns);
+
+    // Text of the last diagnostic met on this connection, empty when none yet.
+    const std::string& LastError() const { return lastError_; }
+
+private:
+    struct Cursor;
+
+    // Keeps the diagnostic records of handle (type: SQL_HANDLE_*) as the last error.
+    void KeepDiagnostic(short handleType, void* handle, const char* what);
+    void* NewStatement();
+    static void FreeStatement(void* stmt);
+    bool ReadRow(std::vector<DbValue>* cells, std::size_t* bytes);
+
+    void* dbc_;
+    Cursor* cursor_;
+    int selectColumns_;
+    bool broken_;
+    std::string lastError_;
+};
+
+#endif
