@@ -212,9 +212,11 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
         dbType = msg.GetDBType();
         m_nDBType = dbType;
         m_nIdApplication = msg.GetIdApplication();
-        // ThreadSockPrincipale and ThreadHeartBeat are started here, with
-        // `this`, into m_hThreadSockPrincipale and m_hThreadHeartBeat, once
-        // they exist; until then the main link is not supervised.
+        // The main link is supervised from here on: ThreadSockPrincipale
+        // owns it and re-opens it after a loss, ThreadHeartBeat watches the
+        // service's heartbeat. m_CloseThreads stops both.
+        m_hThreadSockPrincipale = KvnBeginThreadEx(ThreadSockPrincipale, this);
+        m_hThreadHeartBeat = KvnBeginThreadEx(ThreadHeartBeat, this);
         m_bInit = TRUE;
         m_bAppliInitialisee = TRUE;
         WriteLogF(3, L"Init OK, Korvane a retourne un id Application = %d",
