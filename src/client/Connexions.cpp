@@ -327,8 +327,10 @@ void CKorvaneClient::m_IncConnected() {
         if (m_mutexAccesList.Lock(kAccesListLockMs)) {
             // Every link is up again: requests are accepted from now on.
             if (count == m_listConnexion.GetSize() + 1) {
-                KvnSetEvent(m_hEvtCommOK);
+                // The flag first: an application woken by the event must
+                // find its requests accepted.
                 m_bAllConnected = TRUE;
+                KvnSetEvent(m_hEvtCommOK);
             }
             m_mutexAccesList.Unlock();
         } else {
@@ -340,6 +342,15 @@ void CKorvaneClient::m_IncConnected() {
 
 void CKorvaneClient::m_DecConnected() {
     m_mutexConnected.Lock(INFINITE);
-    --m_nNbConnected;
+    // A loss restarts the count from 0, and the links are counted again as
+    // they come back. The service going away closes every link at once, and
+    // a connection's thread may notice its own socket closing only after the
+    // loss reset the count: taking that link off again would leave the count
+    // one short for good, and the session refusing every request. So a close
+    // counts only while the session is whole, and never below 0 (the test
+    // and the decrement are one atomic step against the reset).
+    int count = m_nNbConnected;
+    while (m_bAllConnected && count > 0 && !m_nNbConnected.compare_exchange_weak(count, count - 1)) {
+    }
     m_mutexConnected.Unlock();
 }

@@ -64,7 +64,13 @@ DWORD WaitWithLoss(HANDLE first, HANDLE loss, DWORD timeoutMs) {
     HANDLE handles[2] = {first, loss};
     DWORD r = KvnWaitForMultipleObjects(2, handles, timeoutMs);
     if (r == WAIT_OBJECT_0) return kWaitFirst;
-    if (r == WAIT_OBJECT_0 + 1) return kWaitLoss;
+    if (r == WAIT_OBJECT_0 + 1) {
+        // A loss concerns every request in flight, on every connection, but
+        // the event wakes one waiter only: pass it on to the next one. What
+        // is left set is reset by the next request before its hand-over.
+        KvnSetEvent(loss);
+        return kWaitLoss;
+    }
     return kWaitTimeOut;
 }
 
@@ -160,6 +166,7 @@ int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
     // Answers carry no request identity: whatever set these before belongs to
     // an earlier request.
     KvnResetEvent(cnx->hEvtResultArrived);
+    KvnResetEvent(cnx->msgSended);
     KvnResetEvent(m_pClient->m_hEvtPerteCommInterne);
     if (v.bResetsMsgSended) cnx->m_bMsgSended = 0;
     if (build(msg, *cnx) != 0) return Finish(KVN_FRAME_BUILD_FAILED, KVN_ERROR_PARAMETER);

@@ -10,7 +10,7 @@
 // wakes every request in flight.
 //
 // The operations differ only in a few points, gathered in a KvnFrameVariant;
-// the variants of all operations are defined below (kFrameExecute, ...), so an
+// the variants of all operations are declared below (kFrameExecute, ...), so an
 // operation's file holds only its builder and its reader:
 //
 //     int CKorvaneClient::IsTableExist(int hCnx, const wchar_t* table, int& existe) {

@@ -170,7 +170,12 @@ bool Session::OnOpenConnexion(CMsgSocket& request, bool reinit) {
         ServiceLog(1, "link %lu: connection %d of application %d refused (%d)", serial_, cnx, app, refusal);
         answer.SetEntete(app, fonction, cnx);
         AddLong(answer, refusal);
-        return Send(answer);
+        // The link is closed after the refusal: a client that takes the answer
+        // for an acceptance (a re-attachment only looks for a negative result)
+        // sees its socket close and tries again, instead of staying attached
+        // to a link that refuses all its requests.
+        Send(answer);
+        return false;
     }
     role_ = Role::Connexion;
     idApplication_ = app;
