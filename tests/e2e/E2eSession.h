@@ -1,0 +1,80 @@
+// The library's client against korvaned run as a program: a service on a
+// temporary SQLite file (or another ODBC data source), a CKorvaneClient with
+// an open session on it, and one logical connection.
+#ifndef KVN_TESTS_E2E_E2ESESSION_H
+#define KVN_TESTS_E2E_E2ESESSION_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <korvane/CKorvaneClient.h>
+
+#include "RunningService.h"
+#include "client/CConnexionKorvane.h"
+#include "platform/Kernel.h"
+
+namespace e2e {
+
+// A UDP port that was free a moment ago (0 when none could be had).
+unsigned short FreeUdpPort();
+// A TCP port on loopback that was free a moment ago (0 when none could be had).
+unsigned short FreeTcpPort();
+
+// The service's arguments for a test: its heartbeat goes to 127.0.0.1 on a
+// port of its own, often enough for a short tolerance, and a select's
+// blocks hold blockRows rows. `more` comes last and may override any of them.
+std::vector<std::string> ServiceArguments(int blockRows, const std::vector<std::string>& more = {});
+
+// A copy of a field of a packed value: the checks take their arguments by
+// reference, which a packed field cannot bind to.
+template <class T>
+T Copy(T value) {
+    return value;
+}
+
+// Printable text of a wide string, for failure messages (non-ASCII as '?').
+std::string Narrow(const wchar_t* text);
+
+// The client, able to say whether its main link is watched by the thread that
+// notices a loss and opens the link again.
+class E2eClient : public CKorvaneClient {
+public:
+    bool MainLinkSupervised() const { return m_hThreadSockPrincipale != nullptr; }
+    // The links the session counts as up, and the links it has (the main
+    // link and each connection): requests are accepted again once they match.
+    int LinksCounted() const { return m_nNbConnected; }
+    int Links() { return m_listConnexion.GetSize() + 1; }
+    // Waits up to timeoutMs for an answer stored on the connection that no
+    // request waits for (the answer to the test request).
+    bool WaitForAnswer(int hCnx, DWORD timeoutMs) {
+        CConnexionKorvane* cnx = m_GetConnexionByIdList(hCnx);
+        return cnx != nullptr && KvnWaitForSingleObject(cnx->hEvtResultArrived, timeoutMs) == WAIT_OBJECT_0;
+    }
+};
+
+class E2eTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Starts korvaned with `arguments`, opens the session and one connection
+    // (hCnx). Fails the test when any of it does not work.
+    void Start(const std::vector<std::string>& arguments);
+
+    // Runs a statement that must succeed; its result (the rows affected).
+    int MustExecute(const wchar_t* sql);
+    // The service's text of the connection's last database error.
+    std::string ErrorText(int cnx = 0);
+
+    std::unique_ptr<RunningService> service;
+    E2eClient client;
+    int hCnx = 0;
+    int dbType = -1;
+};
+
+}  // namespace e2e
+
+#endif

@@ -1,0 +1,160 @@
+// korvaned stopped and started again on the same port while several threads
+// run statements on several connections of one session: every call ends in
+// success or in a documented failure within the library's bounds, and the
+// session and its connections work again once the service is back.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "E2eSession.h"
+#include "platform/Kernel.h"
+#include "platform/Threads.h"
+#include "support/TestUtil.h"
+
+using e2e::Narrow;
+
+namespace {
+
+constexpr int kWorkers = 4;
+// A request that finds the link broken ends within the send wait (10 s) at
+// worst; anything longer is a hang.
+constexpr long long kLongestCallMs = 12000;
+// How long the session may take to come back once the service listens again.
+constexpr long long kRecoveryMs = 20000;
+
+struct Worker {
+    int hCnx = 0;
+    std::atomic<int> successesAfterRestart{0};
+    std::mutex lock;
+    std::map<int, int> codes;  // result code -> count
+    long long longestMs = 0;
+    int calls = 0;
+    int successes = 0;
+};
+
+class E2eRestart : public e2e::E2eTest {};
+
+}  // namespace
+
+TEST_F(E2eRestart, ConnexionsSurviveARestartOfTheServiceUnderLoad) {
+    TempDir data;
+    const std::vector<std::string> arguments = e2e::ServiceArguments(7, {"--database", data.File("restart.db")});
+    Start(arguments);
+    if (HasFatalFailure()) return;
+    if (!client.MainLinkSupervised()) {
+        GTEST_SKIP() << "the session does not watch its main link yet: nothing would notice the restart";
+    }
+    const unsigned short port = service->Port();
+    MustExecute(L"CREATE TABLE load (worker INTEGER, n INTEGER)");
+
+    Worker workers[kWorkers];
+    workers[0].hCnx = hCnx;
+    for (int w = 1; w < kWorkers; ++w) {
+        workers[w].hCnx = client.GetConnexion();
+        ASSERT_GT(workers[w].hCnx, 0);
+    }
+
+    // What the application is told: taken now, so that only what the restart
+    // brings is seen afterwards.
+    KvnWaitForSingleObject(client.GetEventPerteComm(), 0);
+    KvnWaitForSingleObject(client.GetEventCommOK(), 0);
+
+    std::atomic<bool> stop{false};
+    std::atomic<bool> restarted{false};
+    std::vector<std::thread> threads;
+    for (int w = 0; w < kWorkers; ++w) {
+        threads.emplace_back([&, w] {
+            Worker& me = workers[w];
+            for (int n = 0; !stop; ++n) {
+                const std::wstring sql =
+                    L"INSERT INTO load VALUES (" + std::to_wstring(w) + L", " + std::to_wstring(n) + L")";
+                const bool after = restarted;
+                int resultat = 0;
+                const auto start = kvntest::Clock::now();
+                const int r = client.Execute(me.hCnx, sql.c_str(), resultat);
+                const long long ms = kvntest::MsSince(start);
+                {
+                    std::lock_guard<std::mutex> hold(me.lock);
+                    ++me.codes[r];
+                    ++me.calls;
+                    if (r == KVN_NO_ERROR) ++me.successes;
+                    me.longestMs = std::max(me.longestMs, ms);
+                }
+                if (r == KVN_NO_ERROR && after) ++me.successesAfterRestart;
+                // Refused at once while the link is down: do not hammer.
+                if (r != KVN_NO_ERROR) KvnSleep(10);
+            }
+        });
+    }
+
+    // Load on the first service, then stop it and start another on the port.
+    KvnSleep(400);
+    service.reset();
+    KvnSleep(300);
+    std::vector<std::string> again = arguments;
+    again.insert(again.end(), {"--port", std::to_string(port)});
+    service = std::make_unique<RunningService>(again);
+    restarted = true;
+    EXPECT_EQ(port, service->Port());
+
+    // Every connection must get statements through again.
+    const auto back = kvntest::Clock::now();
+    auto allBack = [&] {
+        for (Worker& w : workers) {
+            if (w.successesAfterRestart < 3) return false;
+        }
+        return true;
+    };
+    while (!allBack() && kvntest::MsSince(back) < kRecoveryMs) KvnSleep(50);
+    const long long recoveryMs = kvntest::MsSince(back);
+    stop = true;
+    for (std::thread& t : threads) t.join();
+
+    EXPECT_TRUE(allBack()) << "the connections did not work again within " << kRecoveryMs << " ms; "
+                           << client.LinksCounted() << " links counted up of " << client.Links();
+    std::printf("recovered after %lld ms\n", recoveryMs);
+    int successes = 0;
+    int calls = 0;
+    for (int w = 0; w < kWorkers; ++w) {
+        Worker& me = workers[w];
+        std::string summary;
+        for (const auto& c : me.codes) {
+            summary += " " + std::to_string(c.first) + "x" + std::to_string(c.second);
+            EXPECT_TRUE(c.first == KVN_NO_ERROR || c.first == KVN_ERROR_SEND || c.first == KVN_ERROR_SOCKET_CLOSED)
+                << "worker " << w << ": result " << c.first;
+        }
+        std::printf("worker %d: %d calls, longest %lld ms, results%s\n", w, me.calls, me.longestMs, summary.c_str());
+        EXPECT_LT(me.longestMs, kLongestCallMs) << "worker " << w;
+        successes += me.successes;
+        calls += me.calls;
+    }
+
+    EXPECT_EQ(WAIT_OBJECT_0, KvnWaitForSingleObject(client.GetEventPerteComm(), 0)) << "the loss was told";
+    EXPECT_EQ(WAIT_OBJECT_0, KvnWaitForSingleObject(client.GetEventCommOK(), 0)) << "the return was told";
+
+    // The session is whole again: every connection answers, and every
+    // statement that reported success left its row (a statement whose answer
+    // was lost with the service may have left one too).
+    EXPECT_TRUE(client.IsAppliConnected());
+    for (Worker& w : workers) {
+        EXPECT_TRUE(client.IsConnexionConnected(w.hCnx));
+        int resultat = -1;
+        EXPECT_EQ(KVN_NO_ERROR, client.Execute(w.hCnx, L"UPDATE load SET n = n WHERE worker = -1", resultat));
+    }
+    int resultat = -1;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"SELECT COUNT(*) FROM load", resultat)) << ErrorText();
+    ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
+    long rows = -1;
+    ASSERT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, rows));
+    EXPECT_GE(rows, successes);
+    EXPECT_LE(rows, calls);
+    // A new connection opens on the new service too.
+    const int fresh = client.GetConnexion();
+    EXPECT_GT(fresh, 0);
+}
