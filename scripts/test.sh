@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs every test:
-#  1. Linux build, all tests;
-#  2. address + undefined-behaviour sanitizers, all tests;
-#  3. thread sanitizer, all tests;
+#  1. Linux build with the tools (korvaned, its loader, kvnsql) and the
+#     benchmarks: every test, the service's and the end-to-end ones included;
+#  2. address + undefined-behaviour sanitizers, every test;
+#  3. thread sanitizer, every test;
 #  4. the installed CMake package consumed by a small application;
 #  5. Windows: the 32-bit KorvaneClientU.dll built and link-checked, the
 #     64-bit test programs run under Wine;
@@ -17,7 +18,7 @@ scripts/install-deps.sh test
 build_and_test() {
   local dir=$1; shift
   echo "== $dir: configure and build"
-  cmake -S "$root" -B "$dir" -DKVN_BUILD_TOOLS=OFF "$@" >/dev/null
+  cmake -S "$root" -B "$dir" "$@" >/dev/null
   cmake --build "$dir" -j"$jobs" >/dev/null
   echo "== $dir: tests"
   (cd "$dir" && ctest -j"$jobs" --output-on-failure)
