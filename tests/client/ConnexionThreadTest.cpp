@@ -2,6 +2,7 @@
 // the socket closed by the service and re-opened under the same handle, the
 // wait for the main link after a loss, and the end of the thread.
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -190,15 +191,19 @@ TEST_F(ConnexionThread, ConnexionsReopenOneAfterAnother) {
     struct Span {
         long long from, to;
     };
-    std::mutex lock;
-    std::vector<Span> spans;
-    kvntest::Clock::time_point start = kvntest::Clock::now();
+    // Shared with the scripts, which may outlive a failed test's locals.
+    struct Record {
+        std::mutex lock;
+        std::vector<Span> spans;
+    };
+    auto record = std::make_shared<Record>();
+    const kvntest::Clock::time_point start = kvntest::Clock::now();
     auto closing = [](Connection& c) {
         AcceptConnexion(c);
         c.Await("close");
         c.Close();
     };
-    auto reopening = [&](Connection& c) {
+    auto reopening = [record, start](Connection& c) {
         Message request = c.Expect(KVN_REINIT_CONNEXION);
         long long from = kvntest::MsSince(start);
         c.Ack(request);
@@ -206,8 +211,8 @@ TEST_F(ConnexionThread, ConnexionsReopenOneAfterAnother) {
         long long to = kvntest::MsSince(start);
         c.Answer(peer::Msg(KVN_INIT_OK, request.IdApplication(), request.IdConnexion()));
         {
-            std::lock_guard<std::mutex> guard(lock);
-            spans.push_back({from, to});
+            std::lock_guard<std::mutex> guard(record->lock);
+            record->spans.push_back({from, to});
         }
         AcknowledgeUntilClose(c);
     };
@@ -224,8 +229,15 @@ TEST_F(ConnexionThread, ConnexionsReopenOneAfterAnother) {
     ASSERT_TRUE(WaitUntil([&] {
         return client.IsConnexionConnected(h1) && client.IsConnexionConnected(h2);
     }));
-    std::lock_guard<std::mutex> guard(lock);
-    ASSERT_EQ(2u, spans.size());
+    // A script records its span after its answer went out, which may be after
+    // the client already counts the connection as up.
+    auto recorded = [&] {
+        std::lock_guard<std::mutex> guard(record->lock);
+        return record->spans.size();
+    };
+    ASSERT_TRUE(WaitUntil([&] { return recorded() == 2; }));
+    std::lock_guard<std::mutex> guard(record->lock);
+    const std::vector<Span>& spans = record->spans;
     const Span& a = spans[0].from < spans[1].from ? spans[0] : spans[1];
     const Span& b = spans[0].from < spans[1].from ? spans[1] : spans[0];
     EXPECT_GE(b.from, a.to) << "two connections re-opened at once";

@@ -190,10 +190,11 @@ TEST_F(Supervision, FiveRefusedReRegistrationsAreFollowedByAFullRegistration) {
 }
 
 TEST_F(Supervision, TheLoaderIsWokenAtTheTenthFailedConnect) {
-    peer::ScriptedPeer loader;
+    // Declared before the loader, so that they outlive its scripts.
     std::mutex lock;
     std::vector<peer::Bytes> received;
     std::vector<Clock::time_point> times;
+    peer::ScriptedPeer loader;
     loader.OnEveryAccept([&](peer::Connection& c) {
         peer::Bytes bytes = c.ReadRaw(2);
         std::lock_guard<std::mutex> guard(lock);
