@@ -179,6 +179,10 @@ protected:
     int m_SendToServiceLoader(const char* host, int port);
     void m_CloseThreads();
     void m_NotifyComLost();
+    // Brings the two events that mirror the main link in line with
+    // m_bSockPrincipaleConnected and m_bAppliInitialisee; called after every
+    // change of them.
+    void m_SignaleLienPrincipal();
     void m_ClearConnexionList();
 
     // Connection registry.
@@ -213,6 +217,11 @@ protected:
     HANDLE m_hEvtKorvaneClosed;
     HANDLE m_hEvtHB;
     HANDLE m_hEvtPerteCommInterne;
+    // Manual reset, one of the two set: "up" while the main link is open and
+    // the application registered, "down" otherwise. The threads that depend
+    // on the main link sleep on the one that ends their wait.
+    HANDLE m_hEvtLienPrincipalUp;
+    HANDLE m_hEvtLienPrincipalDown;
     wchar_t m_szAdresseHost[20];
     int m_nPortHost;
     int m_nPortServiceLoader;

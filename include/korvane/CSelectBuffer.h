@@ -61,6 +61,15 @@ public:
     void SetCurrentRecept(int on) { m_bCurrentRecept = on; }
     int IsCurrentReceptLine() { return m_bCurrentRecept; }
 
+    // The receiver holds the buffer's lock for the whole of a block and sets
+    // the reception flag inside it: BeginRecept locks, then sets the flag;
+    // EndRecept clears it, then unlocks. While the flag is seen set, the lock
+    // is held, so a reader waits for the block on the lock (WaitRecept).
+    void BeginRecept();
+    void EndRecept();
+    // Returns once no block is being appended.
+    void WaitRecept();
+
 private:
     CMutex m_mutexBuffer;
     CPtrList m_listLigne;

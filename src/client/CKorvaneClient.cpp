@@ -113,6 +113,8 @@ CKorvaneClient::CKorvaneClient()
     m_hEvtFermetureForcee = KvnCreateEvent(FALSE, FALSE);
     m_hEvtKorvaneClosed = KvnCreateEvent(FALSE, FALSE);
     m_hEvtPerteCommInterne = KvnCreateEvent(FALSE, FALSE);
+    m_hEvtLienPrincipalUp = KvnCreateEvent(TRUE, FALSE);
+    m_hEvtLienPrincipalDown = KvnCreateEvent(TRUE, TRUE);
     m_hEvtStopThreads = KvnCreateEvent(TRUE, FALSE);
     m_hEvtStopSockPrincipale = KvnCreateEvent(TRUE, FALSE);
     m_hEvtThreadCnxStarted = KvnCreateEvent(FALSE, FALSE);
@@ -133,6 +135,8 @@ CKorvaneClient::~CKorvaneClient() {
     CloseHandleIfOpen(m_hEvtKorvaneClosed);
     CloseHandleIfOpen(m_hEvtThreadCnxStarted);
     CloseHandleIfOpen(m_hEvtPerteCommInterne);
+    CloseHandleIfOpen(m_hEvtLienPrincipalUp);
+    CloseHandleIfOpen(m_hEvtLienPrincipalDown);
     if (KvnIsHandleOpen(m_hWsaEvtPrincipale)) KvnCloseSocketEvent(m_hWsaEvtPrincipale);
     m_hWsaEvtPrincipale = nullptr;
     FreeLog();
@@ -212,13 +216,15 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
         dbType = msg.GetDBType();
         m_nDBType = dbType;
         m_nIdApplication = msg.GetIdApplication();
+        // Before the threads start: they take a set "down" for a loss.
+        m_bAppliInitialisee = TRUE;
+        m_SignaleLienPrincipal();
         // The main link is supervised from here on: ThreadSockPrincipale
         // owns it and re-opens it after a loss, ThreadHeartBeat watches the
         // service's heartbeat. m_CloseThreads stops both.
         m_hThreadSockPrincipale = KvnBeginThreadEx(ThreadSockPrincipale, this);
         m_hThreadHeartBeat = KvnBeginThreadEx(ThreadHeartBeat, this);
         m_bInit = TRUE;
-        m_bAppliInitialisee = TRUE;
         WriteLogF(3, L"Init OK, Korvane a retourne un id Application = %d",
                   m_nIdApplication.load());
         PostNotification(m_hWnd, g_nMsgCommOK);
@@ -306,6 +312,7 @@ void CKorvaneClient::m_CloseThreads() {
         m_hWsaEvtPrincipale = nullptr;
         m_bSockPrincipaleConnected = FALSE;
         m_bAppliInitialisee = FALSE;
+        m_SignaleLienPrincipal();
     }
 
     // A later Init can start threads again.

@@ -25,10 +25,6 @@ const DWORD KVN_SEND_WAIT_ERROR_TEXT_MS = 30000;
 const DWORD KVN_ANSWER_WAIT_MS = 240000;
 
 // Connection thread.
-// While up, the thread sleeps until a request, a network event or an end is
-// signalled; this limit only bounds how late it notices that the loss routine
-// marked it down (which signals none of its events) and closes its socket.
-const DWORD KVN_IDLE_CHECK_MS = 50;
 // One connection of the whole process re-opens at a time; a thread that
 // cannot get its turn within this time tries again on its next pass.
 const DWORD KVN_TIMEOUT_RECONNECTE_MS = 3000;
@@ -39,8 +35,9 @@ const DWORD KVN_REOPEN_PAUSE_SPREAD = 491;  // pause = rand() % 491 + 10
 // After the service closed a connection's socket: lets the service finish
 // its own clean-up before the connection is re-opened.
 const DWORD KVN_PAUSE_AFTER_CLOSE_MS = 500;
-// While the connection and the main link are both down: how often the
-// thread looks whether the main link is back.
+// The events of the main link may disagree with its flags for a moment while
+// a loss or a re-opening is being declared; the thread looks again after this
+// pause.
 const DWORD KVN_PAUSE_WAIT_MAIN_LINK_MS = 10;
 // After a network-event set that is neither a read nor a close alone.
 const DWORD KVN_PAUSE_ODD_EVENTS_MS = 20;

@@ -4,6 +4,8 @@
 //
 // Not for deciding that the link is lost (the main socket thread, the
 // heartbeat and the request frame do that) nor for re-opening it.
+#include <mutex>
+
 #include <korvane/CKorvaneClient.h>
 
 #include "client/ClientGlobals.h"
@@ -40,6 +42,9 @@ void CKorvaneClient::m_NotifyComLost() {
     if (KvnWaitForSingleObject(m_hEvtStopThreads, 0) != WAIT_OBJECT_0) {
         m_DeconnecteAllConnexionList();
     }
+    // Wakes the main link's thread (to re-open it), ThreadHeartBeat (to end)
+    // and the connections' threads (to close their sockets).
+    m_SignaleLienPrincipal();
     m_bAllConnected = FALSE;
 
     // The application first, then the requests in flight, which give up at
@@ -47,4 +52,19 @@ void CKorvaneClient::m_NotifyComLost() {
     KvnSetEvent(m_hEvtPerteComm);
     KvnSetEvent(m_hEvtPerteCommInterne);
     PostNotification(m_hWnd, g_nMsgPerteComm);
+}
+
+// Serialised, so that the last call leaves the events as the flags were last
+// left; within a call "down" is set before "up" is reset and the other way
+// round, so that a waiter never finds both reset.
+void CKorvaneClient::m_SignaleLienPrincipal() {
+    static std::mutex serialise;
+    std::lock_guard<std::mutex> lock(serialise);
+    if (m_bSockPrincipaleConnected && m_bAppliInitialisee) {
+        KvnSetEvent(m_hEvtLienPrincipalUp);
+        KvnResetEvent(m_hEvtLienPrincipalDown);
+    } else {
+        KvnSetEvent(m_hEvtLienPrincipalDown);
+        KvnResetEvent(m_hEvtLienPrincipalUp);
+    }
 }

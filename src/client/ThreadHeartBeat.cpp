@@ -41,10 +41,6 @@ const int kOffsetFonction = 6;
 // Larger datagrams are cut by the receive; they are dropped anyway.
 const int kTailleMaxDatagramme = 8192;
 
-// The consumer looks at the stop event and at the state of the main link at
-// least this often, so that it ends within about this long after a loss seen
-// elsewhere.
-const DWORD kPollMs = 10;
 // How often the time since the last heartbeat is compared with the time-out:
 // a loss is declared between the time-out and the time-out plus this.
 const DWORD kLossCheckMs = 1000;
@@ -190,16 +186,25 @@ unsigned ThreadHeartBeat(void* arg) {
     const bool receiver = udp.hThreadStopped != nullptr && KvnBeginThread(ThreadUDP, &udp);
 
     // The stop event first: a stop wins over a datagram waiting in the queue.
-    HANDLE waits[2] = {pClient->m_hEvtStopThreads, rx->fifo.GetEventNotEmpty()};
-    const DWORD nbWaits = waits[1] != nullptr ? 2 : 1;
+    // A loss declared elsewhere sets "down": this supervisor's link is gone,
+    // and the main link's thread starts a new one once it is back.
+    HANDLE waits[3] = {pClient->m_hEvtStopThreads, pClient->m_hEvtLienPrincipalDown,
+                       rx->fifo.GetEventNotEmpty()};
+    const DWORD nbWaits = waits[2] != nullptr ? 3 : 2;
     bool seen = false;  // no loss can be declared before a first heartbeat
     DWORD lastCheck = KvnGetTickCount();
     for (;;) {
         // A block still queued is taken at once; otherwise the wait ends with
-        // the next datagram, a stop, or the poll period.
-        const DWORD wait = rx->fifo.GetSize() > 0 ? 0 : kPollMs;
+        // the next datagram, a stop, a loss, or the next loss check.
+        DWORD wait = INFINITE;
+        if (rx->fifo.GetSize() > 0) {
+            wait = 0;
+        } else if (seen) {
+            const DWORD since = KvnGetTickCount() - lastCheck;
+            wait = since >= kLossCheckMs ? 0 : kLossCheckMs - since;
+        }
         const DWORD r = KvnWaitForMultipleObjects(nbWaits, waits, wait);
-        if (r == WAIT_OBJECT_0 || r == WAIT_FAILED) break;
+        if (r == WAIT_OBJECT_0 || r == WAIT_OBJECT_0 + 1 || r == WAIT_FAILED) break;
         if (!pClient->m_bSockPrincipaleConnected) break;
 
         int len = 0;

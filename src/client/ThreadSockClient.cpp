@@ -14,8 +14,11 @@
 //    hEvtResultArrived;
 //  - the caller withdraws its request under m_mutexEnvoi before it ends.
 //
-// The thread blocks in one wait over its three events and the socket's event,
-// so a handed-over request is sent as soon as it is published.
+// The thread blocks in one wait over its three events, the client's event
+// for the main link (its loss while the connection is up, its return while
+// the connection is down) and the socket's event, so a handed-over request is
+// sent as soon as it is published and a change of the main link is seen at
+// once.
 #include <ctime>
 #include <cwchar>
 #include <random>
@@ -43,7 +46,8 @@ enum {
     kIdxStop = 0,
     kIdxFermeture = 1,
     kIdxEnvoi = 2,
-    kIdxSocket = 3,
+    kIdxLien = 3,
+    kIdxSocket = 4,
 };
 
 bool IsSocketOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
@@ -63,8 +67,9 @@ public:
     void Run();
 
 private:
-    // What the wait of one pass found.
-    enum Reveil { kStop, kFermeture, kEnvoi, kSocket, kRien };
+    // What the wait of one pass found: kPerte and kRetour are the main link's
+    // "down" (waited for while the connection is up) and "up" (while down).
+    enum Reveil { kStop, kFermeture, kEnvoi, kPerte, kRetour, kSocket, kRien };
 
     Reveil Attend(DWORD timeoutMs);
     void TraiteSocket();
@@ -78,7 +83,7 @@ private:
 
     CKorvaneClient* m_pClient;
     CConnexionKorvane* m_pCnx;
-    HANDLE m_handles[4];
+    HANDLE m_handles[5];
     WSAEVENT m_hSockEvt;
     CMsgSocketClient m_msg;
     char m_szHost[20];
@@ -160,14 +165,18 @@ bool CThreadSockClient::LienPrincipalOk() const {
 }
 
 CThreadSockClient::Reveil CThreadSockClient::Attend(DWORD timeoutMs) {
-    // The socket's event takes part only while the connection is up.
-    const bool avecSocket = m_hSockEvt != nullptr && m_pCnx->m_bConnected == 1 &&
-                            IsSocketOpen(m_pCnx->m_sock);
-    DWORD r = KvnWaitForMultipleObjects(avecSocket ? 4 : 3, m_handles, timeoutMs);
+    // Up: a loss of the main link ends the wait, and the socket's event takes
+    // part. Down: the return of the main link ends it.
+    const bool connecte = m_pCnx->m_bConnected == 1;
+    m_handles[kIdxLien] =
+        connecte ? m_pClient->m_hEvtLienPrincipalDown : m_pClient->m_hEvtLienPrincipalUp;
+    const bool avecSocket = m_hSockEvt != nullptr && connecte && IsSocketOpen(m_pCnx->m_sock);
+    DWORD r = KvnWaitForMultipleObjects(avecSocket ? 5 : 4, m_handles, timeoutMs);
     switch (r) {
     case WAIT_OBJECT_0 + kIdxStop: return kStop;
     case WAIT_OBJECT_0 + kIdxFermeture: return kFermeture;
     case WAIT_OBJECT_0 + kIdxEnvoi: return kEnvoi;
+    case WAIT_OBJECT_0 + kIdxLien: return connecte ? kPerte : kRetour;
     case WAIT_OBJECT_0 + kIdxSocket: return kSocket;
     case WAIT_TIMEOUT: return kRien;
     default:
@@ -184,15 +193,13 @@ bool CThreadSockClient::Pause(DWORD ms) {
 void CThreadSockClient::Run() {
     const int id = m_pCnx->m_nIdConnexion;
     for (;;) {
-        // Up: sleep until something happens; the time limit only bounds how
-        // late a connection marked down by the loss routine (which sets no
-        // event of ours) closes its socket. Down: wake now and then to see
-        // whether the main link is back, or at once to re-open when it is.
-        DWORD timeoutMs;
-        if (m_pCnx->m_bConnected == 1)
-            timeoutMs = KVN_IDLE_CHECK_MS;
-        else
-            timeoutMs = LienPrincipalOk() ? 0 : KVN_PAUSE_WAIT_MAIN_LINK_MS;
+        // A connection marked down (by the loss routine, possibly before this
+        // thread first got here) keeps no socket while it waits.
+        if (m_pCnx->m_bConnected != 1) CloseCnxSocket(m_pCnx);
+        // Sleep until something happens; down with the main link up, re-open
+        // at once.
+        const DWORD timeoutMs =
+            m_pCnx->m_bConnected != 1 && LienPrincipalOk() ? 0 : INFINITE;
 
         Reveil r = Attend(timeoutMs);
         if (r == kStop) break;
@@ -208,6 +215,22 @@ void CThreadSockClient::Run() {
             else
                 m_pCnx->m_bConnected = 0;
             continue;
+        }
+        // The events of the main link can be ahead of its flags for a moment
+        // while a loss or a return is being declared.
+        if ((r == kPerte || r == kRetour) && (r == kPerte) == LienPrincipalOk()) {
+            Pause(KVN_PAUSE_WAIT_MAIN_LINK_MS);  // an end is seen next pass
+            continue;
+        }
+        if (r == kPerte && m_pCnx->m_bConnected == 1) {
+            // Normally the loss routine marked the connection down already.
+            // Still up, it was re-opened (and counted) by this thread after
+            // the loss restarted the count: it goes down with the link, and
+            // out of the count again.
+            m_pCnx->m_bConnected = 0;
+            m_pClient->m_mutexConnected.Lock(INFINITE);
+            if (m_pClient->m_nNbConnected > 0) --m_pClient->m_nNbConnected;
+            m_pClient->m_mutexConnected.Unlock();
         }
         if (m_pCnx->m_bConnected == 1) {
             if (r == kSocket) TraiteSocket();

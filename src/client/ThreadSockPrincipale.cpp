@@ -54,9 +54,9 @@ const unsigned kPauseRefusSpread = 3000;
 // Five REINIT_APPLICATION refusals in a row: the service no longer knows the
 // application; it is registered anew with INIT_APPLICATION.
 const int kRefusAvantInit = 5;
-// While the link is up, the wait on the main socket ends at least this often,
-// so that a loss declared by another thread (which signals nothing here) is
-// seen within this time.
+// A link marked up without its socket, or marked up while its "down" event is
+// set, is looked at again after this pause: both are passing states of a loss
+// that is being declared elsewhere.
 const DWORD kAttenteSocketMs = 50;
 // After a network-event set that is neither a read nor a close alone.
 const DWORD kPauseEvenementsMs = 20;
@@ -161,13 +161,18 @@ void CThreadSockPrincipale::Run() {
             if (Pause(kAttenteSocketMs)) break;
             continue;
         }
-        // The stop event first: a stop wins over data waiting.
-        HANDLE waits[2] = {c->m_hEvtStopSockPrincipale, evt};
-        DWORD r = KvnWaitForMultipleObjects(2, waits, kAttenteSocketMs);
+        // The stop event first: a stop wins over data waiting. A loss
+        // declared by another thread (heartbeat, request) sets "down".
+        HANDLE waits[3] = {c->m_hEvtStopSockPrincipale, evt, c->m_hEvtLienPrincipalDown};
+        DWORD r = KvnWaitForMultipleObjects(3, waits, INFINITE);
         if (r == WAIT_OBJECT_0) break;
         if (r == WAIT_OBJECT_0 + 1) {
             TraiteSocket(s);
-        } else if (r == WAIT_FAILED) {
+        } else if (r == WAIT_OBJECT_0 + 2) {
+            // Normally the link is marked down already and the next pass
+            // re-opens it.
+            if (c->m_bSockPrincipaleConnected && Pause(kAttenteSocketMs)) break;
+        } else {
             KvnSleep(kPauseEvenementsMs);
         }
     }
@@ -272,6 +277,9 @@ CThreadSockPrincipale::Suite CThreadSockPrincipale::Reouvre() {
     c->m_bAppliInitialisee = TRUE;
     c->m_IncConnected();
     KvnResetEvent(c->m_hEvtPerteCommInterne);
+    // Wakes the connections, which re-open now; resets "down" before the new
+    // ThreadHeartBeat starts.
+    c->m_SignaleLienPrincipal();
     PostNotification(c->m_hWnd, g_nMsgCommOK);
     RedemarreHeartBeat();
     // Only Init takes the communication parameters over; the database type
@@ -297,6 +305,7 @@ void CThreadSockPrincipale::RedemarreHeartBeat() {
 void CThreadSockPrincipale::Fin() {
     CKorvaneClient* c = m_pClient;
     c->m_bSockPrincipaleConnected = FALSE;
+    c->m_SignaleLienPrincipal();
     SOCKET s = c->m_sockPrincipale.exchange(INVALID_SOCKET);
     if (IsSocketOpen(s)) {
         if (c->m_hWsaEvtPrincipale != nullptr) KvnCloseSocketEvent(c->m_hWsaEvtPrincipale);

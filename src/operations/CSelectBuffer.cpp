@@ -138,6 +138,25 @@ void CSelectBuffer::SuppLigne() {
     if (m_listLigne.IsEmpty()) m_bFetched = 0;
 }
 
+void CSelectBuffer::BeginRecept() {
+    m_mutexBuffer.Lock(INFINITE);
+    m_bCurrentRecept = 1;
+}
+
+void CSelectBuffer::EndRecept() {
+    m_bCurrentRecept = 0;
+    m_mutexBuffer.Unlock();
+}
+
+void CSelectBuffer::WaitRecept() {
+    // The flag is set only under the lock: taking the lock waits for the
+    // block in progress, after which the flag is clear (or a new block began,
+    // and is waited for in turn).
+    while (m_bCurrentRecept) {
+        ScopedLock lock(m_mutexBuffer);
+    }
+}
+
 void CSelectBuffer::VideBuffer() {
     ScopedLock lock(m_mutexBuffer);
     while (!m_listLigne.IsEmpty()) delete static_cast<CLigneSelect*>(m_listLigne.RemoveHead());

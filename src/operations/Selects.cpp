@@ -12,7 +12,6 @@
 #include "client/CConnexionKorvane.h"
 #include "diag/Log.h"
 #include "operations/RequestFrame.h"
-#include "platform/Threads.h"
 
 namespace {
 
@@ -27,14 +26,9 @@ int RunGetLine(CKorvaneClient* client, int hCnx, int nbLignes, KvnFrameOutcome& 
     return r;
 }
 
-// While the connection's thread appends a block, waits until a row is there,
-// the end mark is set or the block is over. The block is appended under the
-// buffer's lock in a few list operations, so the wait is short; it polls every
-// millisecond as the flags have no event of their own.
-void WaitForBlock(CSelectBuffer& buffer) {
-    while (buffer.IsCurrentReceptLine() && buffer.GetNbLigne() == 0 && !buffer.IsLastLigne())
-        KvnSleep(1);
-}
+// While the connection's thread appends a block, waits for the end of the
+// block: the receiver holds the buffer's lock throughout.
+void WaitForBlock(CSelectBuffer& buffer) { buffer.WaitRecept(); }
 
 } // namespace
 

@@ -241,17 +241,17 @@ int CMsgSocketClient::m_ReceiveResultExecuteSelect(CConnexionKorvane* cnx) {
                     const int lignes = Valeur(*this, 3);
                     const int colonnes = Valeur(*this, 4);
                     encore = Valeur(*this, 5);
+                    buffer.BeginRecept();
                     buffer.VideBuffer();
-                    buffer.SetCurrentRecept(1);
                     if (lignes < 1 || colonnes < 1) {
                         cnx->m_nCodeErreur = KVN_NO_DATA;
                         cnx->m_nResultat = 0;
                     } else {
                         ConstruitLignes(*this, cnx, KVN_PREMIERE_CELLULE_SELECT, colonnes);
                     }
+                    buffer.EndRecept();
                 }
                 // The second status -2 means no rows at all: the result ends here.
-                buffer.SetCurrentRecept(0);
                 if (cnx->m_nCodeErreur == KVN_NO_DATA || encore == 0) buffer.SetLastLigne();
             }
         }
@@ -282,7 +282,7 @@ int CMsgSocketClient::m_ReceiveResultGetLine(CConnexionKorvane* cnx) {
             const int lignes = Valeur(*this, 1);
             const int colonnes = Valeur(*this, 2);
             encore = Valeur(*this, 3);
-            buffer.SetCurrentRecept(1);
+            buffer.BeginRecept();
             if (lignes < 1 || colonnes < 1) {
                 // An empty later block ends the rows: the readers take 100 as
                 // the end.
@@ -291,9 +291,9 @@ int CMsgSocketClient::m_ReceiveResultGetLine(CConnexionKorvane* cnx) {
             } else {
                 ConstruitLignes(*this, cnx, KVN_PREMIERE_CELLULE_GETLINE, colonnes);
             }
+            buffer.EndRecept();
         }
     }
-    buffer.SetCurrentRecept(0);
     // Every answer that does not announce more rows ends the result, errors
     // included.
     if (cnx->m_nCodeErreur == KVN_NO_DATA || encore == 0) buffer.SetLastLigne();

@@ -39,8 +39,12 @@ public:
     void MainLinkDown() {
         m_bSockPrincipaleConnected = FALSE;
         m_DeconnecteAllConnexionList();
+        m_SignaleLienPrincipal();
     }
-    void MainLinkUp() { m_bSockPrincipaleConnected = TRUE; }
+    void MainLinkUp() {
+        m_bSockPrincipaleConnected = TRUE;
+        m_SignaleLienPrincipal();
+    }
     HANDLE StopEvent() { return m_hEvtStopThreads; }
 };
 

@@ -42,6 +42,7 @@ public:
         }
         m_bSockPrincipaleConnected = TRUE;
         m_bAppliInitialisee = TRUE;
+        m_SignaleLienPrincipal();
         m_hThreadHeartBeat = KvnBeginThreadEx(ThreadHeartBeat, this);
     }
     HANDLE Thread() const { return m_hThreadHeartBeat; }
@@ -55,7 +56,10 @@ public:
         KvnResetEvent(m_hEvtStopThreads);
         return ended;
     }
-    void MarkLinkDown() { m_bSockPrincipaleConnected = FALSE; }
+    void MarkLinkDown() {
+        m_bSockPrincipaleConnected = FALSE;
+        m_SignaleLienPrincipal();
+    }
     DWORD LastHeartBeat() const { return m_dwLastHeartBeat; }
     void SetLastHeartBeat(DWORD t) { m_dwLastHeartBeat = t; }
 };
