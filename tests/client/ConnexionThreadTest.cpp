@@ -1,63 +1,40 @@
 // A logical connection's own thread: the send step of the request hand-off,
-// the socket closed by the service and re-opened under the same handle, the
-// wait for the main link after a loss, and the end of the thread.
+// the socket closed by the service and re-opened under the same handle, one
+// connection at a time, and the end of the thread.
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include <korvane/CKorvaneClient.h>
-#include <korvane/KvnDefs.h>
-#include <korvane/SockInit.h>
-
-#include "client/CConnexionKorvane.h"
-#include "client/ClientThreads.h"
-#include "peer/ScriptedPeer.h"
-#include "platform/DebugOutput.h"
-#include "platform/Kernel.h"
-#include "platform/Threads.h"
+#include "ClientProbe.h"
 #include "support/ServiceSession.h"
-#include "support/TestUtil.h"
 
 namespace {
 
+using kvntest::MsSince;
 using peer::Connection;
-using peer::Long;
 using peer::Message;
+using probe::IsSet;
+using probe::WaitUntil;
 
-// The client, with what the loss routine and the main link's thread would
-// change within reach of the tests.
-class ThreadClient : public CKorvaneClient {
-public:
-    CConnexionKorvane* Connexion(int hCnx) { return m_GetConnexionByIdList(hCnx); }
-    int LinksUp() { return m_nNbConnected; }
-    // What a loss of the main link does to the connections, without the main
-    // link's own thread, which is not started here.
-    void MainLinkDown() {
-        m_bSockPrincipaleConnected = FALSE;
-        m_DeconnecteAllConnexionList();
-        m_SignaleLienPrincipal();
+// What the scripts record, shared with them: they may outlive a failed test.
+struct Record {
+    const kvntest::Clock::time_point start = kvntest::Clock::now();
+    std::atomic<long long> closedAt{0};
+    std::atomic<long long> reopenedAt{0};
+    std::atomic<int> reopenedHandle{0};
+    struct Span {
+        long long from, to;
+    };
+    std::mutex lock;
+    std::vector<Span> spans;
+    size_t Spans() {
+        std::lock_guard<std::mutex> guard(lock);
+        return spans.size();
     }
-    void MainLinkUp() {
-        m_bSockPrincipaleConnected = TRUE;
-        m_SignaleLienPrincipal();
-    }
-    HANDLE StopEvent() { return m_hEvtStopThreads; }
 };
-
-// Waits (bounded) until condition() holds.
-template <class F>
-bool WaitUntil(F condition, long long timeoutMs = peer::kWaitMs) {
-    kvntest::Clock::time_point start = kvntest::Clock::now();
-    while (!condition()) {
-        if (kvntest::MsSince(start) > timeoutMs) return false;
-        KvnSleep(5);
-    }
-    return true;
-}
 
 // Serves one EXECUTE with value `value`.
 void ServeExecute(Connection& c, int value) {
@@ -65,109 +42,131 @@ void ServeExecute(Connection& c, int value) {
     if (!request.complete) return;
     c.Ack(request);
     c.Answer(peer::Msg(KVN_EXECUTE, request.IdApplication(), request.IdConnexion(),
-                       {Long(0), Long(value)}));
+                       {peer::Long(0), peer::Long(value)}));
 }
 
 class ConnexionThread : public ::testing::Test {
 protected:
-    void SetUp() override { SockInitWinSock(); }
     void TearDown() override {
         client.Free();
         service.WaitForScripts();
         service.Stop();
-        SockCloseWinSock();
     }
-    // Opens the session; the main link acknowledges until closed.
     void OpenSession() {
         service.OnAccept(0, MainLink(SessionAnswer()));
-        int dbType = 0;
-        ASSERT_EQ(KVN_NO_ERROR, client.Init(L"127.0.0.1", service.Port(), 0, L"Threads", dbType,
-                                            0, nullptr, nullptr));
+        ASSERT_EQ(KVN_NO_ERROR, client.Open(service.Port(), nullptr, L"Threads"));
     }
     bool CommModified(DWORD ms = peer::kWaitMs) {
-        return KvnWaitForSingleObject(client.GetEventCommModified(), ms) == WAIT_OBJECT_0;
+        return IsSet(client.GetEventCommModified(), ms);
     }
-    void DrainCommModified() {
-        while (KvnWaitForSingleObject(client.GetEventCommModified(), 0) == WAIT_OBJECT_0) {
-        }
+    bool Connected(int hCnx) {
+        return WaitUntil([&] { return client.IsConnexionConnected(hCnx) != FALSE; });
     }
 
+    probe::WinSock winsock_;
     peer::ScriptedPeer service;
-    ThreadClient client;
+    probe::Client client;
+    std::shared_ptr<Record> record = std::make_shared<Record>();
 };
 
-// ---- Re-opening ---------------------------------------------------------------------------
-
-TEST_F(ConnexionThread, ASocketClosedByTheServiceIsReopenedWithTheSameHandle) {
-    std::atomic<long long> closedAt{0};
-    kvntest::Clock::time_point start = kvntest::Clock::now();
+TEST_F(ConnexionThread, ASocketClosedByTheServiceIsReopenedWithTheSameHandleUntilAccepted) {
     OpenSession();
-    service.OnAccept(1, [&](Connection& c) {
+    auto r = record;
+    service.OnAccept(1, [r](Connection& c) {
         AcceptConnexion(c);
         c.Await("close");
-        closedAt = kvntest::MsSince(start);
+        r->closedAt = MsSince(r->start);
         c.Close();
     });
-    std::atomic<long long> reopenedAt{0};
-    std::atomic<int> reopenedHandle{0};
-    service.OnAccept(2, [&](Connection& c) {
-        reopenedAt = kvntest::MsSince(start);
-        Message request = AcceptConnexion(c, KVN_INIT_OK, true);
-        reopenedHandle = request.IdConnexion();
-        ServeExecute(c, 21);
-        AcknowledgeUntilClose(c);
-    });
-    int hCnx = client.GetConnexion();
-    ASSERT_GT(hCnx, 0);
-    EXPECT_EQ(2, client.LinksUp());
-    DrainCommModified();
-
-    service.Signal("close");
-    ASSERT_TRUE(CommModified()) << "the close is reported";
-    ASSERT_TRUE(WaitUntil([&] { return client.IsConnexionConnected(hCnx) != FALSE; }));
-    EXPECT_TRUE(CommModified(0)) << "the re-opening is reported";
-    // The script records the handle once its answer was acknowledged, which
-    // may come after the client already counts the connection as up.
-    ASSERT_TRUE(WaitUntil([&] { return reopenedHandle.load() != 0; }));
-    EXPECT_EQ(hCnx, reopenedHandle.load());
-    EXPECT_GE(reopenedAt - closedAt, 500 - kvntest::kTickSlackMs)
-        << "the service is given time to let the old socket go";
-    EXPECT_EQ(2, client.LinksUp());
-
-    int resultat = 0;
-    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"UPDATE T SET A = 1", resultat));
-    EXPECT_EQ(21, resultat);
-}
-
-TEST_F(ConnexionThread, ARefusedReopeningIsTriedAgain) {
-    OpenSession();
-    service.OnAccept(1, [](Connection& c) {
-        AcceptConnexion(c);
-        c.Close();
-    });
-    service.OnAccept(2, [](Connection& c) {
+    service.OnAccept(2, [r](Connection& c) {
+        r->reopenedAt = MsSince(r->start);
         // A refusal: a bare header with the service's code.
         Message request = c.Expect(KVN_REINIT_CONNEXION);
         c.Ack(request);
         c.Send(peer::Msg(KVN_ERROR_INIT_COMM, request.IdApplication(), request.IdConnexion()));
         c.ExpectClientClose();
     });
-    service.OnAccept(3, [](Connection& c) {
-        AcceptConnexion(c, KVN_INIT_OK, true);
+    service.OnAccept(3, [r](Connection& c) {
+        r->reopenedHandle = AcceptConnexion(c, KVN_INIT_OK, true).IdConnexion();
+        ServeExecute(c, 21);
         AcknowledgeUntilClose(c);
     });
-    int hCnx = client.GetConnexion();
+    const int hCnx = client.GetConnexion();
     ASSERT_GT(hCnx, 0);
-    ASSERT_TRUE(WaitUntil([&] { return service.Accepted() == 4; }));
-    ASSERT_TRUE(WaitUntil([&] { return client.IsConnexionConnected(hCnx) != FALSE; }));
+    EXPECT_EQ(2, client.NbConnected());
+    while (CommModified(0)) {
+    }
+
+    service.Signal("close");
+    ASSERT_TRUE(CommModified()) << "the close is reported";
+    ASSERT_TRUE(WaitUntil([&] { return service.Accepted() == 4; })) << "tried again";
+    ASSERT_TRUE(Connected(hCnx));
+    EXPECT_TRUE(CommModified(0)) << "the re-opening is reported";
+    // The script records the handle once its answer was acknowledged, which
+    // may come after the client already counts the connection as up.
+    ASSERT_TRUE(WaitUntil([&] { return r->reopenedHandle.load() != 0; }));
+    EXPECT_EQ(hCnx, r->reopenedHandle.load());
+    EXPECT_GE(r->reopenedAt - r->closedAt, 500 - kvntest::kTickSlackMs)
+        << "the service is given time to let the old socket go";
+    EXPECT_EQ(2, client.NbConnected());
+
+    int resultat = 0;
+    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"UPDATE T SET A = 1", resultat));
+    EXPECT_EQ(21, resultat);
 }
 
+TEST_F(ConnexionThread, ConnexionsReopenOneAfterAnother) {
+    OpenSession();
+    auto r = record;
+    auto closing = [](Connection& c) {
+        AcceptConnexion(c);
+        c.Await("close");
+        c.Close();
+    };
+    auto reopening = [r](Connection& c) {
+        Message request = c.Expect(KVN_REINIT_CONNEXION);
+        const long long from = MsSince(r->start);
+        c.Ack(request);
+        c.Delay(150);  // a slow service: the other connection must wait
+        const long long to = MsSince(r->start);
+        c.Answer(peer::Msg(KVN_INIT_OK, request.IdApplication(), request.IdConnexion()));
+        {
+            std::lock_guard<std::mutex> guard(r->lock);
+            r->spans.push_back({from, to});
+        }
+        AcknowledgeUntilClose(c);
+    };
+    service.OnAccept(1, closing);
+    service.OnAccept(2, closing);
+    service.OnAccept(3, reopening);
+    service.OnAccept(4, reopening);
+    const int h1 = client.GetConnexion();
+    const int h2 = client.GetConnexion();
+    ASSERT_GT(h2, h1);
+
+    service.Signal("close");
+    ASSERT_TRUE(WaitUntil([&] { return service.Accepted() == 5; }));
+    ASSERT_TRUE(Connected(h1));
+    ASSERT_TRUE(Connected(h2));
+    // A script records its span after its answer went out, which may be after
+    // the client already counts the connection as up.
+    ASSERT_TRUE(WaitUntil([&] { return r->Spans() == 2; }));
+    std::lock_guard<std::mutex> guard(r->lock);
+    const bool inOrder = r->spans[0].from < r->spans[1].from;
+    const Record::Span& a = r->spans[inOrder ? 0 : 1];
+    const Record::Span& b = r->spans[inOrder ? 1 : 0];
+    EXPECT_GE(b.from, a.to) << "two connections re-opened at once";
+}
+
+// Marked down by a loss (here before its thread may even have reached its first
+// wait), the connection closes its socket at once and re-opens only once the
+// main link is back.
 TEST_F(ConnexionThread, AfterALossTheConnexionWaitsForTheMainLink) {
     OpenSession();
-    std::atomic<bool> closed{false};
-    service.OnAccept(1, [&](Connection& c) {
+    auto closed = std::make_shared<std::atomic<bool>>(false);
+    service.OnAccept(1, [closed](Connection& c) {
         AcceptConnexion(c);
-        closed = c.ExpectClientClose();
+        *closed = c.ExpectClientClose();
     });
     service.OnAccept(2, [](Connection& c) {
         AcceptConnexion(c, KVN_INIT_OK, true);
@@ -177,150 +176,43 @@ TEST_F(ConnexionThread, AfterALossTheConnexionWaitsForTheMainLink) {
     int hCnx = client.GetConnexion();
     ASSERT_GT(hCnx, 0);
 
-    client.MainLinkDown();
-    ASSERT_TRUE(WaitUntil([&] { return closed.load(); })) << "the socket is closed";
+    client.SetMainLink(false);
+    ASSERT_TRUE(WaitUntil([&] { return closed->load(); }, 1000)) << "the socket is closed";
     int resultat = 0;
     EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.Execute(hCnx, L"SELECT 1", resultat));
     KvnSleep(300);
     EXPECT_EQ(2, service.Accepted()) << "no re-opening while the main link is down";
 
-    client.MainLinkUp();
-    ASSERT_TRUE(WaitUntil([&] { return client.IsConnexionConnected(hCnx) != FALSE; }));
+    client.SetMainLink(true);
+    ASSERT_TRUE(Connected(hCnx));
     EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"SELECT 1", resultat));
     EXPECT_EQ(3, resultat);
-}
-
-TEST_F(ConnexionThread, ConnexionsReopenOneAfterAnother) {
-    OpenSession();
-    struct Span {
-        long long from, to;
-    };
-    // Shared with the scripts, which may outlive a failed test's locals.
-    struct Record {
-        std::mutex lock;
-        std::vector<Span> spans;
-    };
-    auto record = std::make_shared<Record>();
-    const kvntest::Clock::time_point start = kvntest::Clock::now();
-    auto closing = [](Connection& c) {
-        AcceptConnexion(c);
-        c.Await("close");
-        c.Close();
-    };
-    auto reopening = [record, start](Connection& c) {
-        Message request = c.Expect(KVN_REINIT_CONNEXION);
-        long long from = kvntest::MsSince(start);
-        c.Ack(request);
-        c.Delay(150);  // a slow service: the other connection must wait
-        long long to = kvntest::MsSince(start);
-        c.Answer(peer::Msg(KVN_INIT_OK, request.IdApplication(), request.IdConnexion()));
-        {
-            std::lock_guard<std::mutex> guard(record->lock);
-            record->spans.push_back({from, to});
-        }
-        AcknowledgeUntilClose(c);
-    };
-    service.OnAccept(1, closing);
-    service.OnAccept(2, closing);
-    service.OnAccept(3, reopening);
-    service.OnAccept(4, reopening);
-    int h1 = client.GetConnexion();
-    int h2 = client.GetConnexion();
-    ASSERT_GT(h2, h1);
-
-    service.Signal("close");
-    ASSERT_TRUE(WaitUntil([&] { return service.Accepted() == 5; }));
-    ASSERT_TRUE(WaitUntil([&] {
-        return client.IsConnexionConnected(h1) && client.IsConnexionConnected(h2);
-    }));
-    // A script records its span after its answer went out, which may be after
-    // the client already counts the connection as up.
-    auto recorded = [&] {
-        std::lock_guard<std::mutex> guard(record->lock);
-        return record->spans.size();
-    };
-    ASSERT_TRUE(WaitUntil([&] { return recorded() == 2; }));
-    std::lock_guard<std::mutex> guard(record->lock);
-    const std::vector<Span>& spans = record->spans;
-    const Span& a = spans[0].from < spans[1].from ? spans[0] : spans[1];
-    const Span& b = spans[0].from < spans[1].from ? spans[1] : spans[0];
-    EXPECT_GE(b.from, a.to) << "two connections re-opened at once";
-}
-
-// ---- The end of the thread --------------------------------------------------------------------
-
-TEST_F(ConnexionThread, FreeConnexionEndsTheThreadAndClosesTheSocket) {
-    OpenSession();
-    std::atomic<bool> closed{false};
-    service.OnAccept(1, [&](Connection& c) {
-        AcceptConnexion(c);
-        closed = c.ExpectClientClose();
-    });
-    int hCnx = client.GetConnexion();
-    ASSERT_GT(hCnx, 0);
-    DrainCommModified();
-
-    kvntest::Clock::time_point start = kvntest::Clock::now();
-    EXPECT_EQ(KVN_NO_ERROR, client.FreeConnexion(hCnx));
-    EXPECT_LT(kvntest::MsSince(start), 1000) << "the thread ends as soon as it is asked";
-    EXPECT_TRUE(CommModified(0));
-    ASSERT_TRUE(WaitUntil([&] { return closed.load(); }));
-    EXPECT_FALSE(client.IsConnexionConnected(hCnx));
 }
 
 TEST_F(ConnexionThread, AStopOfTheClientWinsOverTheCloseOfTheConnexion) {
     OpenSession();
     service.OnAccept(1, ConnexionLink());
-    int hCnx = client.GetConnexion();
+    const int hCnx = client.GetConnexion();
     ASSERT_GT(hCnx, 0);
     CConnexionKorvane* cnx = client.Connexion(hCnx);
-    DrainCommModified();
+    while (CommModified(0)) {
+    }
 
     KvnSetEvent(client.StopEvent());
     KvnSetEvent(cnx->m_hEvtFermeture);
-    ASSERT_EQ(WAIT_OBJECT_0, KvnWaitForSingleObject(cnx->m_hThreadSockClient, peer::kWaitMs));
+    ASSERT_TRUE(IsSet(cnx->m_hThreadSockClient, peer::kWaitMs));
     EXPECT_FALSE(CommModified(0)) << "a stop reports no change of the connection";
     EXPECT_EQ(INVALID_SOCKET, cnx->m_sock.load());
     KvnResetEvent(client.StopEvent());
 }
 
-TEST_F(ConnexionThread, FreeWithConnexionsOpenEndsEveryThread) {
-    OpenSession();
-    std::atomic<int> closed{0};
-    auto link = [&](Connection& c) {
-        AcceptConnexion(c);
-        if (c.ExpectClientClose()) ++closed;
-    };
-    service.OnAccept(1, link);
-    service.OnAccept(2, link);
-    int h1 = client.GetConnexion();
-    int h2 = client.GetConnexion();
-    ASSERT_GT(h2, h1);
-
-    kvntest::Clock::time_point start = kvntest::Clock::now();
-    client.Free();
-    EXPECT_LT(kvntest::MsSince(start), 5000);
-    ASSERT_TRUE(WaitUntil([&] { return closed.load() == 2; }));
-    int resultat = -1;
-    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Execute(h1, L"SELECT 1", resultat));
-    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Execute(h2, L"SELECT 1", resultat));
-    EXPECT_EQ(-1, resultat);
-}
-
-// ---- The send step --------------------------------------------------------------------------
-
-class SendStep : public ::testing::Test {
-protected:
-    void SetUp() override {
-        msg.Init(7, 1, INVALID_SOCKET, &comm);
-        ASSERT_EQ(0, msg.CreateExec(L"UPDATE T SET A = 1"));
-    }
+TEST(SendStep, ADownConnexionSendsNothingAndKeepsTheLastCode) {
     CParamComm comm;
     CConnexionKorvane cnx;
     CMsgSocketClient msg;
-};
+    msg.Init(7, 1, INVALID_SOCKET, &comm);
+    ASSERT_EQ(0, msg.CreateExec(L"UPDATE T SET A = 1"));
 
-TEST_F(SendStep, ADownConnexionSendsNothingAndKeepsTheLastCode) {
     cnx.m_bConnected = FALSE;
     cnx.m_pMsgAEnvoyer = &msg;
     cnx.m_bMsgSended = TRUE;

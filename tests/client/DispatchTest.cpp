@@ -12,23 +12,33 @@
 #include <korvane/CMsgSocketClient.h>
 #include <korvane/KvnDefs.h>
 
+#include "ClientTestUtil.h"
 #include "client/CConnexionKorvane.h"
 #include "peer/WireCodec.h"
 #include "platform/Kernel.h"
 
 namespace {
 
-// A copy of a field of a packed value: the checks take their arguments by
-// reference, which a packed field cannot bind to.
-template <class T>
-T Read(T v) {
+using clienttest::Read;
+using peer::Long;
+using peer::Text;
+using peer::Value;
+
+std::vector<Value> Longs(int first, int count) {
+    std::vector<Value> v;
+    for (int i = 0; i < count; ++i) v.push_back(Long(first + i));
     return v;
 }
 
-using peer::Long;
-using peer::Msg;
-using peer::Text;
-using peer::Value;
+std::vector<Value> Concat(std::vector<Value> a, const std::vector<Value>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// status, first value, second status, rows, columns, more-rows flag, cells...
+std::vector<Value> SelectAnswer(int rows, int columns, int more, std::vector<Value> cells) {
+    return Concat({Long(0), Long(42), Long(0), Long(rows), Long(columns), Long(more)}, cells);
+}
 
 class Dispatch : public ::testing::Test {
 protected:
@@ -38,9 +48,9 @@ protected:
     }
     void TearDown() override { KvnCloseHandle(cnx.hEvtResultArrived); }
 
-    // Decodes the answer as received and dispatches it into cnx.
+    // Decodes the answer as received and dispatches it into target.
     int Deliver(int fonction, std::vector<Value> params, CConnexionKorvane* target) {
-        peer::Bytes bytes = peer::Encode(Msg(fonction, 7, 1, std::move(params)));
+        peer::Bytes bytes = peer::Encode(peer::Msg(fonction, 7, 1, std::move(params)));
         CMsgSocketClient msg;
         EXPECT_EQ(1, msg.AnalyseMessageComplet(bytes.data()));
         int r = msg.AnalyseFonction(target);
@@ -53,17 +63,19 @@ protected:
     }
     bool Signalled() { return KvnWaitForSingleObject(cnx.hEvtResultArrived, 0) == WAIT_OBJECT_0; }
 
+    // What the last answer left, and that it woke the caller.
+    void ExpectStored(int resultat, int code, int count) {
+        EXPECT_EQ(resultat, cnx.m_nResultat);
+        EXPECT_EQ(code, cnx.m_nCodeErreur);
+        EXPECT_EQ(count, cnx.m_nNbResultats);
+        EXPECT_TRUE(Signalled());
+    }
+    void ExpectMalformed() { ExpectStored(-2, KVN_ERROR_RECEIVE, 0); }
     // A state that no receiver writes, to see what a receiver leaves alone.
     void Stale() {
         cnx.m_nResultat = 77;
         cnx.m_nCodeErreur = 78;
         cnx.m_nNbResultats = 5;
-    }
-    void ExpectMalformed() {
-        EXPECT_EQ(-2, cnx.m_nResultat);
-        EXPECT_EQ(KVN_ERROR_RECEIVE, cnx.m_nCodeErreur);
-        EXPECT_EQ(0, cnx.m_nNbResultats);
-        EXPECT_TRUE(Signalled());
     }
     // Column values of the head row, as longs.
     std::vector<int> HeadRow(int columns) {
@@ -84,128 +96,76 @@ protected:
         row->AddParam(p);
         cnx.m_selectBuffer.AddLigne(row);
     }
-    static std::vector<Value> Longs(int first, int count) {
-        std::vector<Value> v;
-        for (int i = 0; i < count; ++i) v.push_back(Long(first + i));
-        return v;
-    }
-    static std::vector<Value> Concat(std::vector<Value> a, const std::vector<Value>& b) {
-        a.insert(a.end(), b.begin(), b.end());
-        return a;
-    }
 
     CConnexionKorvane cnx;
 };
 
-const int kSingleValueCodes[] = {KVN_EXECUTE,     KVN_EXECUTEBIND, KVN_GETDATA,
-                                 KVN_EXISTTABLE,  KVN_EXISTCOLUMN, KVN_GET_ODBC_ERROR_TEXT};
+// ---- Answers of one value, or of the status only ---------------------------------------
 
-// ---- Answers of one value ------------------------------------------------------------
-
-TEST_F(Dispatch, SingleValueAnswersStoreTheValueOrTheServiceCode) {
-    for (int code : kSingleValueCodes) {
+TEST_F(Dispatch, SingleValueAnswersStoreTheValueOrTheServiceCodeOrReadAsReceiveError) {
+    for (int code : {KVN_EXECUTE, KVN_EXECUTEBIND, KVN_GETDATA, KVN_EXISTTABLE, KVN_EXISTCOLUMN,
+                     KVN_GET_ODBC_ERROR_TEXT}) {
         SCOPED_TRACE(code);
         Stale();
         EXPECT_EQ(0, Deliver(code, {Long(0), Long(12)}));
-        EXPECT_EQ(0, cnx.m_nResultat);
-        EXPECT_EQ(0, cnx.m_nCodeErreur);
-        EXPECT_EQ(1, cnx.m_nNbResultats);
+        ExpectStored(0, 0, 1);
         EXPECT_EQ(SQL_C_LONG, Read(cnx.m_tabParam[0].cType));
         EXPECT_EQ(12, Read(cnx.m_tabParam[0].valNum.lVal));
-        EXPECT_TRUE(Signalled());
-
         Deliver(code, {Long(-2), Long(KVN_ERROR_ODBC)});
-        EXPECT_EQ(-2, cnx.m_nResultat);
-        EXPECT_EQ(KVN_ERROR_ODBC, cnx.m_nCodeErreur);
-        EXPECT_EQ(0, cnx.m_nNbResultats);
-        EXPECT_TRUE(Signalled());
+        ExpectStored(-2, KVN_ERROR_ODBC, 0);
+        // The wrong shape: one value too many, or a status that is not a LONG.
+        for (const std::vector<Value>& bad : std::vector<std::vector<Value>>{
+                 {Long(0), Long(12), Long(13)}, {peer::Double(0.0), Long(12)}}) {
+            Stale();
+            Deliver(code, bad);
+            ExpectMalformed();
+        }
     }
 }
-
-TEST_F(Dispatch, SingleValueAnswerOfTheWrongShapeReadsAsReceiveError) {
-    for (int code : kSingleValueCodes) {
-        SCOPED_TRACE(code);
-        Stale();
-        Deliver(code, {Long(0), Long(12), Long(13)});
-        ExpectMalformed();
-        Stale();
-        Deliver(code, {peer::Double(0.0), Long(12)});
-        ExpectMalformed();
-    }
-}
-
-// ---- Status only ----------------------------------------------------------------------
 
 TEST_F(Dispatch, FetchAnswerStoresTheStatusAndKeepsTheValueCount) {
     Stale();
     Deliver(KVN_FETCH, {Long(0)});
-    EXPECT_EQ(0, cnx.m_nResultat);
-    EXPECT_EQ(0, cnx.m_nCodeErreur);
-    EXPECT_EQ(5, cnx.m_nNbResultats);
-    EXPECT_TRUE(Signalled());
-
+    ExpectStored(0, 0, 5);
     Deliver(KVN_FETCH, {Long(-2), Long(KVN_ERROR_STATEMENT_CLOSED), Long(3)});
-    EXPECT_EQ(-2, cnx.m_nResultat);
-    EXPECT_EQ(KVN_ERROR_STATEMENT_CLOSED, cnx.m_nCodeErreur);
-
+    ExpectStored(-2, KVN_ERROR_STATEMENT_CLOSED, 5);
     Deliver(KVN_FETCH, {Long(-2)});
-    EXPECT_EQ(-2, cnx.m_nResultat);
-    EXPECT_EQ(KVN_ERROR_RECEIVE, cnx.m_nCodeErreur);
-
+    ExpectStored(-2, KVN_ERROR_RECEIVE, 5);
     Deliver(KVN_FETCH, {Text(L"0")});
-    EXPECT_EQ(-2, cnx.m_nResultat);
-    EXPECT_EQ(KVN_ERROR_RECEIVE, cnx.m_nCodeErreur);
-    EXPECT_EQ(5, cnx.m_nNbResultats);
-    EXPECT_TRUE(Signalled());
+    ExpectStored(-2, KVN_ERROR_RECEIVE, 5);
 }
 
 TEST_F(Dispatch, DirectRequestAnswerKeepsOnlyTheStatus) {
     Stale();
     Deliver(KVN_REQUETE_METABASE, {Long(0)});
-    EXPECT_EQ(0, cnx.m_nResultat);
-    EXPECT_EQ(KVN_ERROR_RECEIVE, cnx.m_nCodeErreur) << "only an error status sets the code";
-    EXPECT_EQ(0, cnx.m_nNbResultats);
-    EXPECT_TRUE(Signalled());
-
+    ExpectStored(0, KVN_ERROR_RECEIVE, 0);  // only an error status sets the code
     Deliver(KVN_REQUETE_METABASE, {Long(1), Long(55)});
-    EXPECT_EQ(1, cnx.m_nResultat);
-    EXPECT_EQ(KVN_ERROR_RECEIVE, cnx.m_nCodeErreur);
-    EXPECT_EQ(0, cnx.m_nNbResultats);
-
+    ExpectStored(1, KVN_ERROR_RECEIVE, 0);
     Deliver(KVN_REQUETE_METABASE, {Long(-2), Long(KVN_ERROR_NO_DATABASE)});
-    EXPECT_EQ(KVN_ERROR_NO_DATABASE, cnx.m_nCodeErreur);
-
+    ExpectStored(-2, KVN_ERROR_NO_DATABASE, 0);
     Deliver(KVN_REQUETE_METABASE, {});
     ExpectMalformed();
 }
 
 // ---- Lists of values --------------------------------------------------------------------
 
-TEST_F(Dispatch, ValueListsStoreUpToTheirLimit) {
+TEST_F(Dispatch, ValueListsStoreUpToTheirLimitOrTheErrorOrReadAsReceiveError) {
     Deliver(KVN_GETCOLUMNS, Concat({Long(0)}, Longs(1, 200)));
-    EXPECT_EQ(0, cnx.m_nResultat);
-    EXPECT_EQ(0, cnx.m_nCodeErreur);
-    EXPECT_EQ(128, cnx.m_nNbResultats);
+    ExpectStored(0, 0, 128);
     EXPECT_EQ(1, Read(cnx.m_tabParam[0].valNum.lVal));
     EXPECT_EQ(128, Read(cnx.m_tabParam[127].valNum.lVal));
-    EXPECT_TRUE(Signalled());
 
     for (int i = 0; i < KVN_NB_PARAM_CNX; ++i) cnx.m_tabParam[i].valNum.lVal = -1;
     Deliver(KVN_EXECUTEPROC, Concat({Long(0)}, Longs(1, 70)));
-    EXPECT_EQ(64, cnx.m_nNbResultats);
+    ExpectStored(0, 0, 64);
     EXPECT_EQ(64, Read(cnx.m_tabParam[63].valNum.lVal));
     EXPECT_EQ(-1, Read(cnx.m_tabParam[64].valNum.lVal)) << "values beyond 64 are ignored";
 
-}
-
-TEST_F(Dispatch, ValueListsReadErrorsAndMalformedAnswers) {
     for (int code : {KVN_GETCOLUMNS, KVN_EXECUTEPROC}) {
         SCOPED_TRACE(code);
         Stale();
         Deliver(code, {Long(-2), Long(KVN_ERROR_TABLE_NOT_FOUND), Long(9)});
-        EXPECT_EQ(-2, cnx.m_nResultat);
-        EXPECT_EQ(KVN_ERROR_TABLE_NOT_FOUND, cnx.m_nCodeErreur);
-        EXPECT_EQ(0, cnx.m_nNbResultats);
+        ExpectStored(-2, KVN_ERROR_TABLE_NOT_FOUND, 0);
         Stale();
         Deliver(code, {Long(0)});
         ExpectMalformed();
@@ -214,23 +174,12 @@ TEST_F(Dispatch, ValueListsReadErrorsAndMalformedAnswers) {
 
 // ---- Rows: the first block of a select -------------------------------------------------------
 
-// status, first value, second status, rows, columns, more-rows flag, cells...
-std::vector<Value> SelectAnswer(int rows, int columns, int more, std::vector<Value> cells) {
-    std::vector<Value> v = {Long(0), Long(42), Long(0), Long(rows), Long(columns), Long(more)};
-    v.insert(v.end(), cells.begin(), cells.end());
-    return v;
-}
-
-TEST_F(Dispatch, SelectBlockBuildsCompleteRowsOnly) {
+TEST_F(Dispatch, SelectBlockBuildsCompleteRowsOnlyAndEndsTheResultWithoutMoreRows) {
     OneRowBuffered(999);  // an earlier select's row: replaced
     cnx.m_selectBuffer.SetLastLigne();
     Deliver(KVN_EXECUTESELECT, SelectAnswer(3, 2, 1, Longs(1, 5)));
-    EXPECT_EQ(0, cnx.m_nResultat);
-    EXPECT_EQ(0, cnx.m_nCodeErreur);
-    EXPECT_EQ(1, cnx.m_nNbResultats);
+    ExpectStored(0, 0, 1);
     EXPECT_EQ(42, Read(cnx.m_tabParam[0].valNum.lVal));
-    EXPECT_TRUE(Signalled());
-
     CSelectBuffer& buffer = cnx.m_selectBuffer;
     EXPECT_EQ(2, buffer.GetNbLigne()) << "the fifth cell makes no row";
     EXPECT_EQ((std::vector<int>{1, 2}), HeadRow(2));
@@ -240,11 +189,8 @@ TEST_F(Dispatch, SelectBlockBuildsCompleteRowsOnly) {
     EXPECT_EQ((std::vector<int>{3, 4}), HeadRow(2));
     EXPECT_EQ(0, buffer.IsLastLigne()) << "the service has more rows";
     EXPECT_EQ(0, buffer.IsCurrentReceptLine());
-}
 
-TEST_F(Dispatch, SelectBlockWithoutMoreRowsEndsTheResult) {
     Deliver(KVN_EXECUTESELECT, SelectAnswer(1, 3, 0, {Long(7), Text(L"abc"), peer::NullOf(4)}));
-    CSelectBuffer& buffer = cnx.m_selectBuffer;
     EXPECT_EQ(1, buffer.GetNbLigne());
     EXPECT_EQ(1, buffer.IsLastLigne());
     CParam* p = nullptr;
@@ -254,46 +200,36 @@ TEST_F(Dispatch, SelectBlockWithoutMoreRowsEndsTheResult) {
     EXPECT_NE(0, Read(p->bNull));
 }
 
-TEST_F(Dispatch, EmptySelectIsASuccessWithNoData) {
+TEST_F(Dispatch, EmptyShortAndFailedSelectAnswers) {
+    // No rows: a success with no data, the result is over.
     OneRowBuffered(999);
     Deliver(KVN_EXECUTESELECT, SelectAnswer(0, 2, 1, {}));
-    EXPECT_EQ(0, cnx.m_nResultat);
-    EXPECT_EQ(KVN_NO_DATA, cnx.m_nCodeErreur);
+    ExpectStored(0, KVN_NO_DATA, 1);
     EXPECT_EQ(0, cnx.m_selectBuffer.GetNbLigne());
     EXPECT_EQ(1, cnx.m_selectBuffer.IsLastLigne());
 
-}
-
-TEST_F(Dispatch, ShortSelectAnswersLeaveTheRowBufferAlone) {
-    OneRowBuffered(999);
     // Three parameters: the value is kept, the buffer and its flags are not touched.
+    cnx.m_selectBuffer.VideBuffer();
+    OneRowBuffered(999);
     Deliver(KVN_EXECUTESELECT, {Long(0), Long(42), Long(0)});
-    EXPECT_EQ(0, cnx.m_nResultat);
-    EXPECT_EQ(0, cnx.m_nCodeErreur);
+    ExpectStored(0, 0, 1);
     EXPECT_EQ(42, Read(cnx.m_tabParam[0].valNum.lVal));
     EXPECT_EQ(1, cnx.m_selectBuffer.GetNbLigne());
     EXPECT_EQ(0, cnx.m_selectBuffer.IsLastLigne());
-    EXPECT_TRUE(Signalled());
 
     // A second status of -2: no rows at all, the result is over.
     Deliver(KVN_EXECUTESELECT, {Long(0), Long(42), Long(-2), Long(1), Long(1), Long(1), Long(5)});
     EXPECT_EQ(0, cnx.m_nCodeErreur);
     EXPECT_EQ(1, cnx.m_selectBuffer.GetNbLigne());
     EXPECT_EQ(1, cnx.m_selectBuffer.IsLastLigne());
-}
 
-TEST_F(Dispatch, SelectErrorsAndMalformedAnswers) {
     Stale();
     Deliver(KVN_EXECUTESELECT, {Long(-2), Long(KVN_ERROR_ODBC)});
-    EXPECT_EQ(-2, cnx.m_nResultat);
-    EXPECT_EQ(KVN_ERROR_ODBC, cnx.m_nCodeErreur);
-    EXPECT_EQ(0, cnx.m_nNbResultats);
-    EXPECT_TRUE(Signalled());
-
+    ExpectStored(-2, KVN_ERROR_ODBC, 0);
     Stale();
     Deliver(KVN_EXECUTESELECT, {Text(L"0"), Long(1), Long(0), Long(1), Long(1), Long(0), Long(1)});
     ExpectMalformed();
-    EXPECT_EQ(0, cnx.m_selectBuffer.GetNbLigne());
+    EXPECT_EQ(1, cnx.m_selectBuffer.GetNbLigne()) << "a malformed answer adds no row";
 }
 
 // ---- Rows: the next blocks ------------------------------------------------------------
@@ -316,24 +252,22 @@ TEST_F(Dispatch, NextBlockJoinsTheRowsNotYetFetched) {
 }
 
 TEST_F(Dispatch, NextBlockWithoutRowsOrWithAnErrorEndsTheRows) {
-    Deliver(KVN_GETLINE, {Long(0), Long(0), Long(2), Long(1)});
-    EXPECT_EQ(-2, cnx.m_nResultat);
-    EXPECT_EQ(KVN_NO_DATA, cnx.m_nCodeErreur);
-    EXPECT_EQ(1, cnx.m_selectBuffer.IsLastLigne());
-    EXPECT_TRUE(Signalled());
-
-    cnx.m_selectBuffer.VideBuffer();
-    Deliver(KVN_GETLINE, {Long(-2), Long(KVN_ERROR_STATEMENT_CLOSED), Long(1), Long(1)});
-    EXPECT_EQ(-2, cnx.m_nResultat);
-    EXPECT_EQ(KVN_ERROR_STATEMENT_CLOSED, cnx.m_nCodeErreur);
-    EXPECT_EQ(1, cnx.m_selectBuffer.IsLastLigne());
-
-    cnx.m_selectBuffer.VideBuffer();
-    Deliver(KVN_GETLINE, {Long(0)});
-    EXPECT_EQ(-2, cnx.m_nResultat);
-    EXPECT_EQ(KVN_ERROR_RECEIVE, cnx.m_nCodeErreur);
-    EXPECT_EQ(1, cnx.m_selectBuffer.IsLastLigne());
-    EXPECT_TRUE(Signalled());
+    const struct {
+        std::vector<Value> answer;
+        int code;
+    } cases[] = {{{Long(0), Long(0), Long(2), Long(1)}, KVN_NO_DATA},
+                 {{Long(-2), Long(KVN_ERROR_STATEMENT_CLOSED), Long(1), Long(1)},
+                  KVN_ERROR_STATEMENT_CLOSED},
+                 {{Long(0)}, KVN_ERROR_RECEIVE}};
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.code);
+        cnx.m_selectBuffer.VideBuffer();
+        Deliver(KVN_GETLINE, k.answer);
+        EXPECT_EQ(-2, cnx.m_nResultat);
+        EXPECT_EQ(k.code, cnx.m_nCodeErreur);
+        EXPECT_EQ(1, cnx.m_selectBuffer.IsLastLigne());
+        EXPECT_TRUE(Signalled());
+    }
 }
 
 // ---- What has no receiver --------------------------------------------------------------

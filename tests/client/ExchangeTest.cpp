@@ -2,11 +2,8 @@
 // with an acceptance, a refusal or silence, and what its receiver does with
 // good, implausible, short and header-only messages. The other end is the
 // scripted test service, which reads and writes the bytes with its own codec.
-#include <chrono>
 #include <cstring>
 #include <cwchar>
-#include <memory>
-#include <ostream>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,24 +11,14 @@
 #include <korvane/CMsgSocket.h>
 #include <korvane/CMsgSocketClient.h>
 
-#include "peer/ScriptedPeer.h"
-#include "support/ClientSocket.h"
+#include "ClientTestUtil.h"
+#include "support/TestUtil.h"
 
 namespace {
 
 using peer::Bytes;
 using peer::Connection;
 using peer::Message;
-
-long MsSince(peer::Clock::time_point start) {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(peer::Clock::now() - start).count());
-}
-
-long MsBetween(const Message& first, const Message& second) {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(second.at - first.at).count());
-}
 
 CParamComm CommWith(int timeOutAckMs, int attempts = 2) {
     CParamComm comm;
@@ -61,22 +48,19 @@ Bytes AckWithoutLastByte(const Bytes& ack) {
     return Bytes(ack.begin(), ack.begin() + (ack.size() < 15 ? ack.size() : 15));
 }
 
-// Each test has a service and a link to it from the library's transport; the
-// service's scripts are set before Connect.
-class Exchange : public ::testing::Test {
-protected:
-    void Connect() { link.reset(new ClientSocket(service.Port())); }
-    SOCKET Sock() const { return link->Get(); }
-    // The client is done: closing its end also ends the service's silence
-    // checks (a close is not a byte), then the scripts must all have ended.
-    void Finish() {
-        if (link) link->Close();
-        service.WaitForScripts();
-    }
+// The service reads the client's acceptance (1) or refusal (0) of header h.
+void ExpectAckOf(Connection& c, const peer::Header& h, int fonction) {
+    EXPECT_EQ(peer::Hex(AckWithoutLastByte(peer::AckHeader(h, fonction))),
+              peer::Hex(AckWithoutLastByte(c.ReadRaw(peer::kHeaderSize))));
+}
 
-    peer::ScriptedPeer service;
-    std::unique_ptr<ClientSocket> link;
-};
+// What a received message holds: function, application, connection, count.
+std::vector<int> Head(CMsgSocket& m) {
+    return {m.GetFonction(), m.GetIdApplication(), m.GetIdConnexion(), m.GetNbParametre()};
+}
+using Ints = std::vector<int>;
+
+class Exchange : public clienttest::WireTest {};
 
 // ---- The test service's own codec ------------------------------------------------------
 
@@ -103,32 +87,13 @@ TEST(TestServiceWireFormat, WritesAHandWrittenFrameByteForByte) {
     ASSERT_EQ(2, decoded.Count());
     EXPECT_EQ(0, decoded.Param(0).AsLong());
     EXPECT_EQ(12, decoded.Param(1).AsLong());
-    EXPECT_EQ(peer::Hex(answer),
-              peer::Hex(peer::Encode(
-                  peer::Msg(KVN_EXECUTE, 7, 3, {peer::Long(0), peer::Long(12)}))));
+    EXPECT_EQ(peer::Hex(answer), peer::Hex(peer::Encode(peer::Msg(
+                                     KVN_EXECUTE, 7, 3, {peer::Long(0), peer::Long(12)}))));
 }
 
-// ---- Sending: an acceptance ends the exchange -----------------------------------------------
+// ---- Sending ------------------------------------------------------------------------------
 
-TEST_F(Exchange, AnAcknowledgedMessageReturnsOneAndItsBytesAreTheServicesEncoding) {
-    Message expected = peer::Msg(KVN_EXECUTE, 7, 3, {peer::Text(L"SELECT 1")});
-    service.OnAccept(0, [expected](Connection& c) {
-        for (int i = 0; i < 2; ++i) c.Ack(c.ExpectMessage(expected));
-    });
-    Connect();
-    CParamComm comm = CommWith(2000);
-    CMsgSocketClient msg;
-    msg.Init(7, 3, Sock(), &comm);
-    ASSERT_EQ(0, msg.CreateExec(L"SELECT 1"));
-
-    EXPECT_EQ(1, msg.SendMessage(Sock(), -1, -1));
-    // The message stays encoded: sending it again sends the same bytes.
-    EXPECT_EQ(1, msg.SendMessage(Sock(), -1, -1));
-    Finish();
-    EXPECT_EQ(2u, service.Received(0).size());
-}
-
-TEST_F(Exchange, EveryValueTypeGoesOutAsTheServiceReadsIt) {
+TEST_F(Exchange, AnAcknowledgedMessageReturnsOneAndEveryValueTypeIsTheServicesEncoding) {
     std::int32_t status = -56;
     double amount = -1234.5;
     std::int64_t big = -9000000000LL;
@@ -136,19 +101,28 @@ TEST_F(Exchange, EveryValueTypeGoesOutAsTheServiceReadsIt) {
     GUID guid = {0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
     // A character beyond U+FFFF travels as a surrogate pair and counts two.
     const wchar_t* text = L"caf\u00e9 \U0001F600";
-
-    Message expected = peer::Msg(
+    Message exec = peer::Msg(KVN_EXECUTE, 7, 3, {peer::Text(L"SELECT 1")});
+    Message typed = peer::Msg(
         42, 9, 0,  // any code: the encoder does not judge it
         {peer::Long(status), peer::Double(amount), peer::BigInt(big),
          peer::Timestamp("070320061405090000"),
          peer::Guid({0x78, 0x56, 0x34, 0x12, 0xBC, 0x9A, 0xF0, 0xDE, 1, 2, 3, 4, 5, 6, 7, 8}),
          peer::Text(text), peer::Text(L""), peer::NullOf(peer::kTypeWChar),
          peer::NullOf(peer::kTypeLong)});
-    service.OnAccept(0, [expected](Connection& c) { c.Ack(c.ExpectMessage(expected)); });
-    Connect();
+    SOCKET s = Connect([exec, typed](Connection& c) {
+        for (int i = 0; i < 2; ++i) c.Ack(c.ExpectMessage(exec));
+        c.Ack(c.ExpectMessage(typed));
+        c.ExpectSilence(200);
+    });
+    CParamComm comm = CommWith(2000);
+    CMsgSocketClient client;
+    client.Init(7, 3, s, &comm);
+    ASSERT_EQ(0, client.CreateExec(L"SELECT 1"));
+    EXPECT_EQ(1, client.SendMessage(s, -1, -1));
+    // The message stays encoded: sending it again sends the same bytes.
+    EXPECT_EQ(1, client.SendMessage(s, -1, -1));
 
     CMsgSocket msg;
-    CParamComm comm = CommWith(2000);
     msg.SetParamComm(&comm);
     msg.SetEntete(9, 42, 0);
     msg.AddParametre(SQL_C_LONG, 4, &status);
@@ -160,286 +134,207 @@ TEST_F(Exchange, EveryValueTypeGoesOutAsTheServiceReadsIt) {
     msg.AddParametre(SQL_C_WCHAR, 0, L"");
     msg.AddParametre(SQL_C_WCHAR, 0, nullptr);
     msg.AddParametre(SQL_C_LONG, 4, nullptr);
+    EXPECT_EQ(1, msg.SendMessage(s, -1, -1));
 
-    EXPECT_EQ(1, msg.SendMessage(Sock(), -1, -1));
-    Finish();
-}
-
-TEST_F(Exchange, AMessageWithoutHeaderIsNotSent) {
-    service.OnAccept(0, [](Connection& c) { c.ExpectSilence(200); });
-    Connect();
     CMsgSocket empty;
-    EXPECT_EQ(0, empty.SendMessage(Sock(), -1, -1));
-    Finish();
-}
-
-// ---- Sending: refusals and silence ----------------------------------------------------------
-
-TEST_F(Exchange, ARefusedMessageIsSentAgainAfterAPauseAndThenAccepted) {
-    service.OnAccept(0, [](Connection& c) {
-        c.Refuse(c.Expect(KVN_EXECUTE));
-        c.Ack(c.Expect(KVN_EXECUTE));
-    });
-    Connect();
-    CParamComm comm = CommWith(2000);
-    CMsgSocketClient msg;
-    msg.Init(7, 3, Sock(), &comm);
-    ASSERT_EQ(0, msg.CreateExec(L"UPDATE t SET a = 1"));
-
-    EXPECT_EQ(1, msg.SendMessage(Sock(), -1, -1));
-    Finish();
-    std::vector<Message> got = service.Received(0);
-    ASSERT_EQ(2u, got.size());
-    EXPECT_EQ(peer::Hex(got[0].raw), peer::Hex(got[1].raw));
-    long pause = MsBetween(got[0], got[1]);
-    EXPECT_GE(pause, 90) << "the second attempt follows a pause of 100 ms";
-    EXPECT_LT(pause, 1500);
-}
-
-TEST_F(Exchange, AMessageRefusedAtEveryAttemptGivesMinus53) {
-    service.OnAccept(0, [](Connection& c) {
-        for (int i = 0; i < 3; ++i) c.Refuse(c.Expect(KVN_GETLINE));
-        c.ExpectSilence(300);  // no fourth attempt
-    });
-    Connect();
-    CParamComm comm = CommWith(2000, 3);
-    CMsgSocketClient msg;
-    msg.Init(7, 3, Sock(), &comm);
-    ASSERT_EQ(0, msg.CreateGetLine(0));
-
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, msg.SendMessage(Sock(), -1, -1));
+    EXPECT_EQ(0, empty.SendMessage(s, -1, -1)) << "a message without header is not sent";
     Finish();
     EXPECT_EQ(3u, service.Received(0).size());
 }
 
-TEST_F(Exchange, AMessageNeverAcknowledgedGivesMinus53AfterOneSendAndOneWait) {
-    service.OnAccept(0, [](Connection& c) {
-        c.Expect(KVN_EXECUTE);
-        c.ExpectSilence(400);  // not sent again: the service may have run it
+TEST_F(Exchange, ARefusedMessageIsSentAgainAfterAPauseUntilTheAttemptsRunOut) {
+    SOCKET s = Connect([](Connection& c) {
+        c.Refuse(c.Expect(KVN_EXECUTE));
+        c.Ack(c.Expect(KVN_EXECUTE));
+        for (int i = 0; i < 3; ++i) c.Refuse(c.Expect(KVN_GETLINE));
+        c.ExpectSilence(300);  // no fourth attempt
     });
-    Connect();
-    CParamComm comm = CommWith(50);
+    CParamComm comm = CommWith(2000, 3);
     CMsgSocketClient msg;
-    msg.Init(7, 3, Sock(), &comm);
-    ASSERT_EQ(0, msg.CreateExec(L"DELETE FROM t"));
-
-    peer::Clock::time_point start = peer::Clock::now();
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, msg.SendMessage(Sock(), -1, -1));
-    long waited = MsSince(start);
-    EXPECT_GE(waited, 40);
-    EXPECT_LT(waited, 1000);
+    msg.Init(7, 3, s, &comm);
+    ASSERT_EQ(0, msg.CreateExec(L"UPDATE t SET a = 1"));
+    EXPECT_EQ(1, msg.SendMessage(s, -1, -1));
+    ASSERT_EQ(0, msg.CreateGetLine(0));
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, msg.SendMessage(s, -1, -1));
     Finish();
-    EXPECT_EQ(1u, service.Received(0).size());
+
+    std::vector<Message> got = service.Received(0);
+    ASSERT_EQ(5u, got.size());
+    EXPECT_EQ(peer::Hex(got[0].raw), peer::Hex(got[1].raw));
+    long long pause =
+        std::chrono::duration_cast<std::chrono::milliseconds>(got[1].at - got[0].at).count();
+    EXPECT_GE(pause, 90) << "the second attempt follows a pause of 100 ms";
+    EXPECT_LT(pause, 1500);
 }
 
-TEST_F(Exchange, TheAcknowledgementWaitGrowsWithTheNumberOfParameters) {
-    // Half a millisecond per parameter once that exceeds nTimeOutAck:
-    // 600 parameters wait 300 ms, not 50.
-    service.OnAccept(0, [](Connection& c) {
-        Message m = c.Expect(104);
-        EXPECT_EQ(600, m.Count());
-        c.ExpectSilence(600);
-    });
-    Connect();
-    CParamComm comm = CommWith(50);
-    CMsgSocket msg;
-    msg.SetParamComm(&comm);
-    msg.SetEntete(7, 104, 3);
-    for (int i = 0; i < 600; ++i) msg.AddParametre(SQL_C_LONG, 4, &i);
-
-    peer::Clock::time_point start = peer::Clock::now();
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, msg.SendMessage(Sock(), -1, -1));
-    long waited = MsSince(start);
-    EXPECT_GE(waited, 280);
-    EXPECT_LT(waited, 2000);
-    Finish();
+// Never sent again (the service may have run it), after one wait of
+// nTimeOutAck, or of half a millisecond per parameter when that is longer.
+TEST_F(Exchange, AnUnacknowledgedMessageGivesMinus53AfterOneWaitGrowingWithItsParameters) {
+    const struct {
+        int params;
+        long long atLeastMs, belowMs;
+    } cases[] = {{1, 40, 1000}, {600, 280, 2000}};
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.params);
+        const int params = k.params;
+        SOCKET s = Connect([params](Connection& c) {
+            EXPECT_EQ(params, c.Expect(104).Count());
+            c.ExpectSilence(600);
+        });
+        CParamComm comm = CommWith(50);
+        CMsgSocket msg;
+        msg.SetParamComm(&comm);
+        msg.SetEntete(7, 104, 3);
+        for (int i = 0; i < params; ++i) msg.AddParametre(SQL_C_LONG, 4, &i);
+        kvntest::Clock::time_point start = kvntest::Clock::now();
+        EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, msg.SendMessage(s, -1, -1));
+        long long waited = kvntest::MsSince(start);
+        EXPECT_GE(waited, k.atLeastMs);
+        EXPECT_LT(waited, k.belowMs);
+        Finish();
+    }
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(1u, service.Received(i).size());
 }
 
-// ---- Receiving ------------------------------------------------------------------------------
+// ---- Receiving ----------------------------------------------------------------------------
 
-TEST_F(Exchange, AMessageWithABodyIsDecodedAndAcknowledged) {
+TEST_F(Exchange, ReceivedMessagesAreDecodedAndAcknowledgedButAStrayAcknowledgementIsNot) {
     Message answer =
         peer::Msg(KVN_EXECUTESELECT, 7, 3,
                   {peer::Long(0), peer::Long(12), peer::Double(2.25),
                    peer::Text(L"Gen\u00e8ve \U0001F600"), peer::NullOf(peer::kTypeWChar)});
-    service.OnAccept(0, [answer](Connection& c) { c.Answer(answer); });
-    Connect();
+    SOCKET s = Connect([answer](Connection& c) {
+        c.Answer(answer);
+        // A header-only message keeps no parameter count, whatever it announced.
+        peer::Header beat = HeaderOf(KVN_HEART_BEAT, 12, 0, 3, 0);
+        c.SendRaw(peer::EncodeHeader(beat));
+        ExpectAckOf(c, beat, KVN_ACK);
+        c.SendRaw(peer::AckHeader(HeaderOf(0, 12, 0, 0, 0), KVN_ACK));
+        c.ExpectSilence(300);
+    });
     CMsgSocket msg;
-
-    EXPECT_EQ(static_cast<int>(peer::Encode(answer).size()), msg.ReceiveMessage(Sock()));
-    Finish();
-    EXPECT_EQ(KVN_EXECUTESELECT, msg.GetFonction());
-    EXPECT_EQ(7, msg.GetIdApplication());
-    EXPECT_EQ(3, msg.GetIdConnexion());
-    ASSERT_EQ(5, msg.GetNbParametre());
+    EXPECT_EQ(static_cast<int>(peer::Encode(answer).size()), msg.ReceiveMessage(s));
+    ASSERT_EQ((Ints{KVN_EXECUTESELECT, 7, 3, 5}), Head(msg));
     // CParam is packed: its fields are copied out before they are compared.
     CParam* p = nullptr;
     ASSERT_EQ(1, msg.GetParametre(1, &p));
-    std::int32_t status = p->valNum.lVal;
-    EXPECT_EQ(12, status);
+    EXPECT_EQ(12, clienttest::Read(p->valNum.lVal));
     ASSERT_EQ(1, msg.GetParametre(2, &p));
-    double amount = p->valNum.dVal;
-    EXPECT_EQ(2.25, amount);
+    EXPECT_EQ(2.25, clienttest::Read(p->valNum.dVal));
     ASSERT_EQ(1, msg.GetParametre(3, &p));
     const wchar_t* text = p->pszValeur;
     ASSERT_NE(nullptr, text);
     EXPECT_EQ(std::wstring(L"Gen\u00e8ve \U0001F600"), std::wstring(text));
     ASSERT_EQ(1, msg.GetParametre(4, &p));
-    BOOL isNull = p->bNull;
-    EXPECT_TRUE(isNull);
-}
+    EXPECT_TRUE(clienttest::Read(p->bNull));
 
-TEST_F(Exchange, AHeartbeatHeaderIsAcknowledgedAndKept) {
-    // A header-only message keeps no parameter count, whatever it announced.
-    service.OnAccept(0, [](Connection& c) {
-        peer::Header beat = HeaderOf(KVN_HEART_BEAT, 12, 0, 3, 0);
-        c.SendRaw(peer::EncodeHeader(beat));
-        EXPECT_EQ(peer::Hex(AckWithoutLastByte(peer::AckHeader(beat, KVN_ACK))),
-                  peer::Hex(AckWithoutLastByte(c.ReadRaw(peer::kHeaderSize))));
-    });
-    Connect();
-    CMsgSocket msg;
+    CMsgSocket beat;
+    EXPECT_EQ(16, beat.ReceiveMessage(s));
+    EXPECT_EQ((Ints{KVN_HEART_BEAT, 12, 0, 0}), Head(beat));
 
-    EXPECT_EQ(16, msg.ReceiveMessage(Sock()));
-    EXPECT_EQ(KVN_HEART_BEAT, msg.GetFonction());
-    EXPECT_EQ(12, msg.GetIdApplication());
-    EXPECT_EQ(0, msg.GetNbParametre());
+    CMsgSocket stray;
+    EXPECT_EQ(16, stray.ReceiveMessage(s));
+    EXPECT_EQ(-1, stray.GetFonction());
     Finish();
 }
 
-TEST_F(Exchange, AStrayAcknowledgementIsNotAnsweredAndLeavesNoMessage) {
-    service.OnAccept(0, [](Connection& c) {
-        c.SendRaw(peer::AckHeader(HeaderOf(0, 12, 0, 0, 0), KVN_ACK));
-        c.ExpectSilence(300);
-    });
-    Connect();
-    CMsgSocket msg;
-
-    EXPECT_EQ(16, msg.ReceiveMessage(Sock()));
-    EXPECT_EQ(-1, msg.GetFonction());
-    Finish();
-}
-
-// ---- Receiving: implausible headers ---------------------------------------------------------
-
-TEST_F(Exchange, AnImplausibleHeaderIsRefusedAndWhatFollowsIsDrained) {
-    service.OnAccept(0, [](Connection& c) {
+TEST_F(Exchange, AnImplausibleHeaderIsRefusedAndDrainedUntilTheNextMessageOrTheClose) {
+    SOCKET s = Connect([](Connection& c) {
         peer::Header bad = HeaderOf(2, 9, 4, 1, 40);
         c.SendRaw(Concat(peer::EncodeHeader(bad), Bytes(40, 0x5A)));
-        EXPECT_EQ(peer::Hex(AckWithoutLastByte(peer::AckHeader(bad, 0))),
-                  peer::Hex(AckWithoutLastByte(c.ReadRaw(peer::kHeaderSize))));
+        ExpectAckOf(c, bad, 0);
         // Once the client has given up on it, the next message is read
         // cleanly: the 40 bytes did not stay in the stream.
         if (c.Await("refused")) c.Answer(peer::Msg(KVN_HEART_BEAT, 9, 0));
     });
-    Connect();
     CMsgSocket msg;
-
-    EXPECT_EQ(0, msg.ReceiveMessage(Sock()));
+    EXPECT_EQ(0, msg.ReceiveMessage(s));
     EXPECT_EQ(-1, msg.GetFonction());
     service.Signal("refused");
-    EXPECT_EQ(16, msg.ReceiveMessage(Sock()));
+    EXPECT_EQ(16, msg.ReceiveMessage(s));
     EXPECT_EQ(KVN_HEART_BEAT, msg.GetFonction());
     Finish();
-}
 
-TEST_F(Exchange, TheDrainAfterARefusalEndsWhenTheServiceCloses) {
-    service.OnAccept(0, [](Connection& c) {
+    s = Connect([](Connection& c) {
         c.SendRaw(Concat(peer::EncodeHeader(HeaderOf(121, 9, 4, 0, 0)), Bytes(100, 0x33)));
         c.ReadRaw(peer::kHeaderSize);
         c.Close();
     });
-    Connect();
-    CMsgSocket msg;
-
-    peer::Clock::time_point start = peer::Clock::now();
-    EXPECT_EQ(0, msg.ReceiveMessage(Sock()));
-    EXPECT_LT(MsSince(start), 1500);
+    kvntest::Clock::time_point start = kvntest::Clock::now();
+    EXPECT_EQ(0, msg.ReceiveMessage(s));
+    EXPECT_LT(kvntest::MsSince(start), 1500) << "the drain ends with the service's close";
     Finish();
 }
 
-struct HeaderCase {
-    const char* what;
-    int fonction;
-    int idApplication;
-    int nbParam;
-    std::uint32_t tailleData;
-    bool accepted;
-};
-
-void PrintTo(const HeaderCase& hc, std::ostream* os) { *os << hc.what; }
-
-class HeaderLimits : public Exchange, public ::testing::WithParamInterface<HeaderCase> {};
-
-TEST_P(HeaderLimits, AreJudgedBeforeAnyBodyIsRead) {
-    const HeaderCase hc = GetParam();
-    service.OnAccept(0, [hc](Connection& c) {
-        peer::Header h = HeaderOf(hc.fonction, hc.idApplication, 4, hc.nbParam, hc.tailleData);
-        // An accepted header gets its body (zeros: no record is announced);
-        // a refused one is followed by nothing, so the refusal comes first.
-        Bytes bytes = peer::EncodeHeader(h);
-        if (hc.accepted) bytes.resize(bytes.size() + hc.tailleData, 0);
-        c.SendRaw(bytes);
-        EXPECT_EQ(peer::Hex(AckWithoutLastByte(peer::AckHeader(h, hc.accepted ? 1 : 0))),
-                  peer::Hex(AckWithoutLastByte(c.ReadRaw(peer::kHeaderSize))));
-    });
-    Connect();
-    CMsgSocket msg;
-
-    int expected = hc.accepted ? 16 + static_cast<int>(hc.tailleData) : 0;
-    EXPECT_EQ(expected, msg.ReceiveMessage(Sock()));
-    EXPECT_EQ(hc.accepted ? hc.fonction : -1, msg.GetFonction());
-    Finish();
+TEST_F(Exchange, HeaderLimitsAreJudgedBeforeAnyBodyIsRead) {
+    const struct {
+        const char* what;
+        int fonction, idApplication, nbParam;
+        std::uint32_t tailleData;
+        bool accepted;
+    } cases[] = {{"function 2", 2, 9, 0, 0, false},
+                 {"function 121", 121, 9, 0, 0, false},
+                 {"function -1", -1, 9, 0, 0, false},
+                 {"unhandled function 6", 6, 9, 0, 0, true},
+                 {"unhandled function 112", 112, 9, 0, 0, true},
+                 {"application -1", KVN_EXECUTE, -1, 0, 0, false},
+                 {"application 128000", KVN_EXECUTE, 128000, 0, 0, true},
+                 {"application 128001", KVN_EXECUTE, 128001, 0, 0, false},
+                 {"50000 parameters", KVN_EXECUTE, 9, 50000, 0, true},
+                 {"50001 parameters", KVN_EXECUTE, 9, 50001, 0, false},
+                 {"negative parameters", KVN_EXECUTE, 9, -5, 8, true},
+                 {"body of 256000", KVN_EXECUTE, 9, 0, 256000, true},
+                 {"body of 256001", KVN_EXECUTE, 9, 0, 256001, false}};
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.what);
+        const peer::Header h = HeaderOf(k.fonction, k.idApplication, 4, k.nbParam, k.tailleData);
+        const bool accepted = k.accepted;
+        SOCKET s = Connect([h, accepted](Connection& c) {
+            // An accepted header gets its body (zeros: no record is announced);
+            // a refused one is followed by nothing, so the refusal comes first.
+            Bytes bytes = peer::EncodeHeader(h);
+            if (accepted) bytes.resize(bytes.size() + h.tailleData, 0);
+            c.SendRaw(bytes);
+            ExpectAckOf(c, h, accepted ? 1 : 0);
+        });
+        CMsgSocket msg;
+        EXPECT_EQ(accepted ? 16 + static_cast<int>(k.tailleData) : 0, msg.ReceiveMessage(s));
+        EXPECT_EQ(accepted ? k.fonction : -1, msg.GetFonction());
+        Finish();
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Exchange, HeaderLimits,
-    ::testing::Values(HeaderCase{"Function2", 2, 9, 0, 0, false},
-                      HeaderCase{"Function121", 121, 9, 0, 0, false},
-                      HeaderCase{"FunctionMinus1", -1, 9, 0, 0, false},
-                      HeaderCase{"UnhandledFunction6", 6, 9, 0, 0, true},
-                      HeaderCase{"UnhandledFunction112", 112, 9, 0, 0, true},
-                      HeaderCase{"ApplicationMinus1", KVN_EXECUTE, -1, 0, 0, false},
-                      HeaderCase{"Application128000", KVN_EXECUTE, 128000, 0, 0, true},
-                      HeaderCase{"Application128001", KVN_EXECUTE, 128001, 0, 0, false},
-                      HeaderCase{"Params50000", KVN_EXECUTE, 9, 50000, 0, true},
-                      HeaderCase{"Params50001", KVN_EXECUTE, 9, 50001, 0, false},
-                      HeaderCase{"NegativeParams", KVN_EXECUTE, 9, -5, 8, true},
-                      HeaderCase{"Body256000", KVN_EXECUTE, 9, 0, 256000, true},
-                      HeaderCase{"Body256001", KVN_EXECUTE, 9, 0, 256001, false}),
-    [](const ::testing::TestParamInfo<HeaderCase>& info) { return info.param.what; });
-
-// ---- Receiving: short reads (these wait on the fixed read budgets) --------------------------
-
-TEST_F(Exchange, AShortHeaderIsNotAcknowledgedAndLeavesNoMessage) {
-    service.OnAccept(0, [](Connection& c) {
-        Bytes header = peer::EncodeHeader(HeaderOf(KVN_HEART_BEAT, 9, 0, 0, 0));
-        header.resize(10);
-        c.SendRaw(header);
-        c.ExpectSilence(2600);  // beyond the client's 2000 ms header budget
-    });
-    Connect();
-    CMsgSocket msg;
-
-    peer::Clock::time_point start = peer::Clock::now();
-    EXPECT_EQ(16, msg.ReceiveMessage(Sock()));
-    EXPECT_GE(MsSince(start), 1900);
-    EXPECT_EQ(-1, msg.GetFonction());
-    Finish();
-}
-
-TEST_F(Exchange, AShortBodyIsNotAcknowledgedAndLeavesNoMessage) {
-    service.OnAccept(0, [](Connection& c) {
-        c.SendRaw(Concat(peer::EncodeHeader(HeaderOf(KVN_EXECUTE, 9, 4, 1, 20)), Bytes(5, 0x04)));
-        c.ExpectSilence(5600);  // beyond the client's 5000 ms body budget
-    });
-    Connect();
-    CMsgSocket msg;
-
-    EXPECT_EQ(16, msg.ReceiveMessage(Sock()));
-    EXPECT_EQ(-1, msg.GetFonction());
-    EXPECT_EQ(0, msg.GetNbParametre());
-    Finish();
+// These wait on the client's fixed read budgets: 2000 ms for a header, 5000
+// ms for a body.
+TEST_F(Exchange, AShortHeaderOrBodyIsNotAcknowledgedAndLeavesNoMessage) {
+    Bytes shortHeader = peer::EncodeHeader(HeaderOf(KVN_HEART_BEAT, 9, 0, 0, 0));
+    shortHeader.resize(10);
+    const struct {
+        const char* what;
+        Bytes bytes;
+        DWORD silenceMs;
+        long long atLeastMs;
+    } cases[] = {
+        {"header", shortHeader, 2600, 1900},
+        {"body", Concat(peer::EncodeHeader(HeaderOf(KVN_EXECUTE, 9, 4, 1, 20)), Bytes(5, 0x04)),
+         5600, 4900},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.what);
+        const Bytes bytes = k.bytes;
+        const DWORD silence = k.silenceMs;
+        SOCKET s = Connect([bytes, silence](Connection& c) {
+            c.SendRaw(bytes);
+            c.ExpectSilence(silence);
+        });
+        CMsgSocket msg;
+        kvntest::Clock::time_point start = kvntest::Clock::now();
+        EXPECT_EQ(16, msg.ReceiveMessage(s));
+        EXPECT_GE(kvntest::MsSince(start), k.atLeastMs);
+        EXPECT_EQ(-1, msg.GetFonction());
+        EXPECT_EQ(0, msg.GetNbParametre());
+        Finish();
+    }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <korvane/KvnDefs.h>
 
+#include "ClientTestUtil.h"
 #include "client/ClientTimings.h"
 #include "operations/RequestFrame.h"
 #include "peer/ScriptedPeer.h"
@@ -20,16 +21,20 @@
 
 namespace {
 
-// A copy of a field of a packed value: the checks take their arguments by
-// reference, which a packed field cannot bind to.
-template <class T>
-T Read(T v) {
-    return v;
-}
-
 using peer::Connection;
 using peer::Long;
 using peer::Message;
+
+// Whether another thread can take the lock at once.
+bool FreeElsewhere(CMutex& lock) {
+    std::atomic<bool> locked{false};
+    std::thread other([&] {
+        locked = lock.Lock(0) != FALSE;
+        if (locked) lock.Unlock();
+    });
+    other.join();
+    return locked;
+}
 
 class ExecuteOn : public OperationSession {
 protected:
@@ -43,13 +48,7 @@ protected:
         CConnexionKorvane* cnx = client.Connexion(hCnx);
         ASSERT_NE(nullptr, cnx);
         EXPECT_EQ(nullptr, cnx->m_pMsgAEnvoyer);
-        std::atomic<bool> locked{false};
-        std::thread other([&] {
-            locked = cnx->mutexUseCnx.Lock(0) != FALSE;
-            if (locked) cnx->mutexUseCnx.Unlock();
-        });
-        other.join();
-        EXPECT_TRUE(locked) << "the request lock is still held";
+        EXPECT_TRUE(FreeElsewhere(cnx->mutexUseCnx)) << "the request lock is still held";
     }
     // Waits (bounded) until the connection's link has read a request.
     bool ServiceHasARequest() {
@@ -60,26 +59,36 @@ protected:
         }
         return true;
     }
-    void BufferOneRow() {
-        CLigneSelect* row = new CLigneSelect;
-        row->AddParam(new CParam);
-        client.Connexion(hCnx)->m_selectBuffer.AddLigne(row);
-    }
 };
 
 // ---- Answers -------------------------------------------------------------------------
 
-TEST_F(ExecuteOn, SuccessReturnsTheServiceValueAndEmptiesTheRows) {
-    Open([](Connection& c) { Serve(c, KVN_EXECUTE, {Long(0), Long(12)}); });
-    BufferOneRow();
-    int resultat = -1;
-    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"UPDATE T SET A = 1", resultat));
-    EXPECT_EQ(12, resultat);
-    EXPECT_EQ(0, client.Connexion(hCnx)->m_selectBuffer.GetNbLigne());
-    ExpectConnexionFree();
-
+TEST_F(ExecuteOn, SuccessReturnsTheServiceValueAndAStatusOtherThanZeroDecidesTheResult) {
+    const struct {
+        std::vector<peer::Value> answer;
+        int code, resultat;
+    } cases[] = {{{Long(0), Long(12)}, KVN_NO_ERROR, 12},
+                 {{Long(-2), Long(KVN_ERROR_ODBC)}, KVN_ERROR_ODBC, 0},
+                 {{Long(0), Long(1), Long(2)}, KVN_ERROR_RECEIVE, 0},  // one value too many
+                 // a status of the service's own gives the code the answer left: 0
+                 {{Long(3), Long(9)}, KVN_NO_ERROR, 0},
+                 {{Long(0), Long(-7)}, KVN_NO_ERROR, -7}};
+    Open([cases](Connection& c) {
+        for (const auto& k : cases) Serve(c, KVN_EXECUTE, k.answer);
+    });
+    CLigneSelect* row = new CLigneSelect;
+    row->AddParam(new CParam);
+    client.Connexion(hCnx)->m_selectBuffer.AddLigne(row);
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.resultat);
+        int resultat = -1;
+        EXPECT_EQ(k.code, client.Execute(hCnx, L"UPDATE T SET A = 1", resultat));
+        EXPECT_EQ(k.resultat, resultat);
+        EXPECT_EQ(0, client.Connexion(hCnx)->m_selectBuffer.GetNbLigne()) << "rows emptied";
+        ExpectConnexionFree();
+    }
     std::vector<Message> requests = Requests();
-    ASSERT_EQ(1u, requests.size());
+    ASSERT_EQ(5u, requests.size());
     EXPECT_EQ(KVN_EXECUTE, requests[0].Fonction());
     EXPECT_EQ(7, requests[0].IdApplication());
     EXPECT_EQ(hCnx, requests[0].IdConnexion());
@@ -87,43 +96,18 @@ TEST_F(ExecuteOn, SuccessReturnsTheServiceValueAndEmptiesTheRows) {
     EXPECT_EQ(std::wstring(L"UPDATE T SET A = 1"), requests[0].Param(0).AsWide());
 }
 
-TEST_F(ExecuteOn, AStatusOtherThanZeroDecidesTheResult) {
-    Open([](Connection& c) {
-        Serve(c, KVN_EXECUTE, {Long(-2), Long(KVN_ERROR_ODBC)});
-        Serve(c, KVN_EXECUTE, {Long(0), Long(1), Long(2)});  // one value too many
-        Serve(c, KVN_EXECUTE, {Long(3), Long(9)});           // a status of the service's own
-        Serve(c, KVN_EXECUTE, {Long(0), Long(-7)});
-    });
-    int resultat = -1;
-    EXPECT_EQ(KVN_ERROR_ODBC, client.Execute(hCnx, L"DELETE FROM T", resultat));
-    EXPECT_EQ(0, resultat);
-    resultat = -1;
-    EXPECT_EQ(KVN_ERROR_RECEIVE, client.Execute(hCnx, L"DELETE FROM T", resultat));
-    EXPECT_EQ(0, resultat);
-    resultat = -1;
-    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"DELETE FROM T", resultat))
-        << "another status gives the code the answer left: 0";
-    EXPECT_EQ(0, resultat);
-    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"DELETE FROM T", resultat));
-    EXPECT_EQ(-7, resultat);
-    ExpectConnexionFree();
-}
-
 // ---- Refusals before anything is sent ---------------------------------------------------------
 
 TEST_F(ExecuteOn, RefusalsBeforeTheExchange) {
     Open(nullptr);
     LogUpTo(20);
+    for (const wchar_t* empty : {L"", static_cast<const wchar_t*>(nullptr)}) {
+        int resultat = -1;
+        EXPECT_EQ(KVN_ERROR_PARAMETER, client.Execute(hCnx, empty, resultat));
+        EXPECT_EQ(0, resultat);
+    }
     int resultat = -1;
-    EXPECT_EQ(KVN_ERROR_PARAMETER, client.Execute(hCnx, L"", resultat));
-    EXPECT_EQ(0, resultat);
-    resultat = -1;
-    EXPECT_EQ(KVN_ERROR_PARAMETER, client.Execute(hCnx, nullptr, resultat));
-    EXPECT_EQ(0, resultat);
-
-    resultat = -1;
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Execute(hCnx + 5, L"SELECT 1", resultat));
-    EXPECT_EQ(-1, resultat);
     EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 2  "));
 
     // The client still reconnecting, or this connection down: refused, silent.
@@ -144,7 +128,7 @@ TEST_F(ExecuteOn, RefusalsBeforeTheExchange) {
 // ---- The exchange going wrong -----------------------------------------------------------------
 
 TEST_F(ExecuteOn, AnAnswerThatNeverComesIsGivenUp) {
-    Open([this](Connection& c) {
+    Open([](Connection& c) {
         Message request = c.Expect(KVN_EXECUTE);
         c.Ack(request);
         // Answers only once the client gave up, then serves the next request.
@@ -168,7 +152,7 @@ TEST_F(ExecuteOn, AnAnswerThatNeverComesIsGivenUp) {
     CConnexionKorvane* cnx = client.Connexion(hCnx);
     service.Signal("given up");
     ASSERT_EQ(WAIT_OBJECT_0, KvnWaitForSingleObject(cnx->hEvtResultArrived, peer::kWaitMs));
-    EXPECT_EQ(1, Read(cnx->m_tabParam[0].valNum.lVal));
+    EXPECT_EQ(1, clienttest::Read(cnx->m_tabParam[0].valNum.lVal));
     KvnSetAnswerWaitForTests(0);
     EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, L"UPDATE T SET A = 2", resultat));
     EXPECT_EQ(2, resultat);
@@ -180,8 +164,7 @@ TEST_F(ExecuteOn, AnAnswerThatNeverComesIsGivenUp) {
 // own, the caller learns of it when its wait ends.
 TEST_F(ExecuteOn, AnUnacknowledgedRequestTakesTheLinkDownAndWakesTheOthers) {
     Open([](Connection& c) {
-        Message request = c.Expect(KVN_EXECUTE);
-        c.Ack(request);
+        c.Ack(c.Expect(KVN_EXECUTE));
         c.ExpectClientClose(15000);
     });
     service.OnAccept(2, ConnexionLink([](Connection& c) {
@@ -205,7 +188,6 @@ TEST_F(ExecuteOn, AnUnacknowledgedRequestTakesTheLinkDownAndWakesTheOthers) {
     EXPECT_EQ(1, debugger.Count(L"\r\nErreur de Send Message  "));
     EXPECT_EQ(WAIT_OBJECT_0, KvnWaitForSingleObject(client.GetEventPerteComm(), 0))
         << "the application is told that the communication is lost";
-
     EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, waitingResult);
     EXPECT_EQ(0, waiting);
     EXPECT_EQ(1, log.Count(L"CKorvaneClient::Execute(): perte de comm"));
@@ -218,21 +200,18 @@ TEST_F(ExecuteOn, AnUnacknowledgedRequestTakesTheLinkDownAndWakesTheOthers) {
 
 // ---- The frame's variants, run directly ---------------------------------------------------------
 
-TEST_F(ExecuteOn, TheFrameReadsTheAnswerUnderTheRequestLock) {
+TEST_F(ExecuteOn, TheFrameReadsTheAnswerUnderTheRequestLockOrEndsOnceSentWithoutAnswer) {
     Open([](Connection& c) {
         Serve(c, KVN_EXISTTABLE, {Long(0), Long(1)});
         Serve(c, KVN_REQUETE_METABASE, {Long(-2), Long(KVN_ERROR_NO_DATABASE)});
+        c.Ack(c.Expect(KVN_LIBERE_CNX_SELECT));
     });
     CRequestFrame frame(&client, kFrameIsTableExist);
     bool lockedElsewhere = true;
     int r = frame.Run(
         hCnx, [](CMsgSocketClient& msg, CConnexionKorvane&) { return msg.CreateIsTableExist(L"T"); },
         [&](CConnexionKorvane& cnx) {
-            std::thread other([&] {
-                lockedElsewhere = cnx.mutexUseCnx.Lock(0) != FALSE;
-                if (lockedElsewhere) cnx.mutexUseCnx.Unlock();
-            });
-            other.join();
+            lockedElsewhere = FreeElsewhere(cnx.mutexUseCnx);
             return cnx.m_tabParam[0].valNum.lVal == 1 ? 42 : -1;
         });
     EXPECT_EQ(42, r);
@@ -245,23 +224,19 @@ TEST_F(ExecuteOn, TheFrameReadsTheAnswerUnderTheRequestLock) {
               direct.Run(hCnx, [](CMsgSocketClient& msg, CConnexionKorvane&) {
                   return msg.CreateExecRequete(L"META");
               }));
-    ExpectConnexionFree();
-}
 
-TEST_F(ExecuteOn, AFrameWithoutAnswerEndsOnceTheRequestIsSent) {
-    Open([](Connection& c) { c.Ack(c.Expect(KVN_LIBERE_CNX_SELECT)); });
-    CRequestFrame frame(&client, kFrameLibereStatment);
+    // A frame without an answer ends once the request is sent: no reader runs.
+    CRequestFrame sent(&client, kFrameLibereStatment);
     bool read = false;
-    EXPECT_EQ(KVN_NO_ERROR, frame.Run(
-                                hCnx,
-                                [](CMsgSocketClient& msg, CConnexionKorvane&) {
-                                    return msg.CreateLibereConnexionSelect();
-                                },
-                                [&](CConnexionKorvane&) {
-                                    read = true;
-                                    return -1;
-                                }));
-    EXPECT_EQ(KVN_FRAME_SENT, frame.GetOutcome());
+    auto libere = [](CMsgSocketClient& msg, CConnexionKorvane&) {
+        return msg.CreateLibereConnexionSelect();
+    };
+    auto reader = [&](CConnexionKorvane&) {
+        read = true;
+        return -1;
+    };
+    EXPECT_EQ(KVN_NO_ERROR, sent.Run(hCnx, libere, reader));
+    EXPECT_EQ(KVN_FRAME_SENT, sent.GetOutcome());
     EXPECT_FALSE(read);
     ExpectConnexionFree();
 }

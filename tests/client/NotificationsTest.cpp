@@ -1,133 +1,102 @@
 // What the application is told about its link to the service: the events it
-// waits on and the registered messages posted to its window, at the opening
-// and the closing of a session and when the link is lost.
+// waits on, the registered messages posted to its window and the count of
+// links up, at the opening and the closing of a session and at a loss.
+#include <atomic>
 #include <memory>
-#include <set>
 
 #include <gtest/gtest.h>
 
-#include <korvane/CKorvaneClient.h>
-#include <korvane/SockInit.h>
 #include <korvane/platform/NotifyWindow.h>
 
-#include "peer/ScriptedPeer.h"
-#include "platform/Kernel.h"
+#include "ClientProbe.h"
 #include "support/ServiceSession.h"
 
 namespace {
 
-// The client, with what the tests look at inside it.
-class Client : public CKorvaneClient {
-public:
-    using CKorvaneClient::m_NotifyComLost;
-    HANDLE PerteCommInterne() const { return m_hEvtPerteCommInterne; }
-    HANDLE StopThreads() const { return m_hEvtStopThreads; }
-    int NbConnected() const { return m_nNbConnected; }
-    BOOL AllConnected() const { return m_bAllConnected; }
-};
-
-bool IsSet(HANDLE event) { return KvnWaitForSingleObject(event, 0) == WAIT_OBJECT_0; }
-
-struct Posted {
-    UINT msg = 0;
-    WPARAM wParam = 1;
-    LPARAM lParam = 1;
-};
+using probe::IsSet;
 
 class Notifications : public ::testing::Test {
 protected:
     void SetUp() override {
-        SockInitWinSock();
-        window_ = KvnCreateNotifyWindow();
-        ASSERT_NE(nullptr, window_);
-    }
-    void TearDown() override {
-        client_.reset();
-        service_.Stop();
-        KvnDestroyNotifyWindow(window_);
-        SockCloseWinSock();
-    }
-
-    void Open() {
+        ASSERT_NE(nullptr, window_.h);
         service_.OnAccept(0, MainLink(SessionAnswer()));
         service_.OnEveryAccept(ConnexionLink());
-        int dbType = 0;
-        ASSERT_EQ(KVN_NO_ERROR, client_->Init(L"127.0.0.1", service_.Port(), 0, L"Compta", dbType,
-                                              0, nullptr, window_));
     }
+    void Open() { ASSERT_EQ(KVN_NO_ERROR, client.Open(service_.Port(), window_.h)); }
 
-    // The next message posted to the window, or msg 0 when none comes soon.
-    Posted Next(DWORD timeoutMs = 1000) {
-        Posted p;
-        if (!KvnWaitNotifyMessage(window_, timeoutMs, &p.msg, &p.wParam, &p.lParam)) p.msg = 0;
-        return p;
+    // The next message posted to the window (0 when none comes soon) is `name`.
+    void ExpectPosted(const wchar_t* name, DWORD timeoutMs = 1000) {
+        WPARAM wParam = 0;
+        LPARAM lParam = 0;
+        const UINT msg = window_.Next(timeoutMs, &wParam, &lParam);
+        EXPECT_EQ(name ? KvnRegisterWindowMessage(name) : 0u, msg);
+        EXPECT_EQ(0u, wParam);
+        EXPECT_EQ(0, lParam);
     }
-    void ExpectPosted(const wchar_t* name) {
-        Posted p = Next();
-        EXPECT_EQ(KvnRegisterWindowMessage(name), p.msg);
-        EXPECT_EQ(0u, p.wParam);
-        EXPECT_EQ(0, p.lParam);
-    }
-    void ExpectNothingPosted() { EXPECT_EQ(0u, Next(50).msg); }
+    void ExpectNothingPosted() { ExpectPosted(nullptr, 50); }
 
+    probe::WinSock winsock_;
+    probe::Window window_;
     peer::ScriptedPeer service_;
-    std::unique_ptr<Client> client_{new Client};
-    HWND window_ = nullptr;
+    probe::Client client;
 };
 
-TEST_F(Notifications, EventsOfAFreshObjectAreValidAndNotSignalled) {
-    Client& client = *client_;
-    const HANDLE events[] = {client.GetEventPerteComm(),
-                             client.GetEventCommOK(),
-                             client.GetEventCommModified(),
-                             client.GetEventHB(),
-                             client.GetEventWarningFermetureForcee(),
-                             client.GetEventFermetureForcee(),
-                             client.GetEventKorvaneClosed(),
-                             client.PerteCommInterne()};
-    std::set<HANDLE> distinct;
-    for (HANDLE h : events) {
-        EXPECT_TRUE(KvnIsHandleOpen(h));
-        EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), KvnWaitForSingleObject(h, 0));
-        distinct.insert(h);
-    }
-    EXPECT_EQ(8u, distinct.size());
-}
-
 TEST_F(Notifications, SessionOpensWithCommOkAndClosesWithPerteComm) {
+    service_.OnAccept(3, MainLink(SessionAnswer()));
     Open();
-    Client& client = *client_;
     ExpectPosted(KVN_MSG_COMM_OK);
-    EXPECT_TRUE(IsSet(client.GetEventCommOK()));
+    EXPECT_TRUE(IsSet(client.GetEventCommOK())) << "the main link alone is every link";
+    EXPECT_TRUE(client.AllConnected());
     ExpectNothingPosted();
 
     ASSERT_EQ(1, client.GetConnexion());
     EXPECT_TRUE(IsSet(client.GetEventCommModified()));
+    ASSERT_EQ(2, client.GetConnexion());
+    EXPECT_EQ(3, client.NbConnected());
+    EXPECT_FALSE(IsSet(client.GetEventCommOK())) << "already all up: not told again";
     ExpectNothingPosted();
 
     client.Free();
     ExpectPosted(KVN_MSG_PERTE_COMM);
     EXPECT_TRUE(IsSet(client.GetEventPerteComm())) << "every link was up";
     EXPECT_FALSE(client.AllConnected());
+    EXPECT_EQ(0, client.NbConnected());
 
     // A Free with no session open tells nothing.
     client.Free();
     ExpectNothingPosted();
     EXPECT_FALSE(IsSet(client.GetEventPerteComm()));
+
+    // A new session starts counting again from nothing.
+    Open();
+    ExpectPosted(KVN_MSG_COMM_OK);
+    EXPECT_TRUE(IsSet(client.GetEventCommOK()));
+    EXPECT_EQ(1, client.NbConnected());
 }
 
-TEST_F(Notifications, LossTellsTheApplicationAndWakesTheRequests) {
+TEST_F(Notifications, LossTellsTheApplicationAndTheLastLinkBackCompletesTheCommunication) {
+    // The loss closes the links: not before the service has read the
+    // acknowledgements of its answers (a loaded machine may delay it).
+    auto accepted = std::make_shared<std::atomic<int>>(0);
+    service_.OnEveryAccept(ConnexionLink([accepted](peer::Connection& c) {
+        ++*accepted;
+        AcknowledgeUntilClose(c);
+    }));
     Open();
-    Client& client = *client_;
     ASSERT_EQ(1, client.GetConnexion());
     ASSERT_EQ(2, client.GetConnexion());
+    ASSERT_TRUE(probe::WaitUntil([&] { return *accepted == 2; }));
     ExpectPosted(KVN_MSG_COMM_OK);
+    KvnResetEvent(client.GetEventCommOK());
     KvnResetEvent(client.GetEventCommModified());
 
-    client.m_NotifyComLost();
-    ExpectPosted(KVN_MSG_PERTE_COMM);
-    EXPECT_TRUE(IsSet(client.GetEventPerteComm()));
-    EXPECT_TRUE(IsSet(client.PerteCommInterne()));
+    // Twice: there is no guard against a second report of the same loss.
+    for (int report = 0; report < 2; ++report) {
+        client.m_NotifyComLost();
+        ExpectPosted(KVN_MSG_PERTE_COMM);
+        EXPECT_TRUE(IsSet(client.GetEventPerteComm()));
+        EXPECT_TRUE(IsSet(client.PerteCommInterne())) << "the requests in flight are woken";
+    }
     EXPECT_TRUE(IsSet(client.GetEventCommModified()));
     EXPECT_FALSE(client.IsAppliConnected());
     EXPECT_FALSE(client.IsConnexionConnected(1));
@@ -135,30 +104,28 @@ TEST_F(Notifications, LossTellsTheApplicationAndWakesTheRequests) {
     EXPECT_EQ(0, client.NbConnected());
     EXPECT_FALSE(client.AllConnected());
 
-    // No guard against a second report of the same loss: told again.
-    client.m_NotifyComLost();
-    ExpectPosted(KVN_MSG_PERTE_COMM);
-    EXPECT_TRUE(IsSet(client.GetEventPerteComm()));
-    EXPECT_TRUE(IsSet(client.PerteCommInterne()));
-
-    // The main link was closed by the client.
-    client_.reset();
-    EXPECT_TRUE(service_.WaitForScripts());
-    ExpectNothingPosted();  // Free found no session to close
+    // The links come back one by one; the last one missing (2 entries plus
+    // the main link) completes the communication.
+    client.m_IncConnected();
+    client.m_IncConnected();
+    EXPECT_FALSE(IsSet(client.GetEventCommOK()));
+    EXPECT_FALSE(client.AllConnected());
+    client.m_IncConnected();
+    EXPECT_TRUE(IsSet(client.GetEventCommOK()));
+    EXPECT_TRUE(client.AllConnected());
 }
 
 TEST_F(Notifications, LossDuringShutdownLeavesTheConnexionsToIt) {
     Open();
-    Client& client = *client_;
     ExpectPosted(KVN_MSG_COMM_OK);
     KvnResetEvent(client.GetEventCommModified());
 
-    KvnSetEvent(client.StopThreads());
+    KvnSetEvent(client.StopEvent());
     client.m_NotifyComLost();
     EXPECT_FALSE(IsSet(client.GetEventCommModified())) << "connections not marked down";
     EXPECT_TRUE(IsSet(client.GetEventPerteComm()));
     ExpectPosted(KVN_MSG_PERTE_COMM);
-    KvnResetEvent(client.StopThreads());
+    KvnResetEvent(client.StopEvent());
 }
 
 TEST_F(Notifications, RefusedSessionIsClosedWithoutPerteCommEvent) {
@@ -168,15 +135,13 @@ TEST_F(Notifications, RefusedSessionIsClosedWithoutPerteCommEvent) {
         c.Answer(peer::Msg(KVN_INIT_APPLICATION, 0, 0, {peer::Long(KVN_ERROR_MAX_CLIENT_ATTEINT)}));
         c.ExpectClientClose();
     });
-    int dbType = 0;
-    ASSERT_EQ(KVN_ERROR_UNKNOWN, client_->Init(L"127.0.0.1", service_.Port(), 0, L"Compta",
-                                               dbType, 0, nullptr, window_));
+    ASSERT_EQ(KVN_ERROR_UNKNOWN, client.Open(service_.Port(), window_.h));
     ExpectNothingPosted();
-    client_->Free();
+    client.Free();
     // The main socket was still open: the application is told it is gone,
     // but the links never were all up.
     ExpectPosted(KVN_MSG_PERTE_COMM);
-    EXPECT_FALSE(IsSet(client_->GetEventPerteComm()));
+    EXPECT_FALSE(IsSet(client.GetEventPerteComm()));
     EXPECT_TRUE(service_.WaitForScripts());
 }
 

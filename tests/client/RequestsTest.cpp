@@ -1,7 +1,6 @@
 // The client's requests on the wire: the registration of the application and
 // of its connections with what the service answers, the close, and every
 // database request builder, each checked by the test service's own decoder.
-#include <chrono>
 #include <cstring>
 #include <cwchar>
 #include <functional>
@@ -13,20 +12,15 @@
 
 #include <korvane/CMsgSocketClient.h>
 
-#include "peer/ScriptedPeer.h"
+#include "ClientTestUtil.h"
 #include "platform/SystemInfo.h"
-#include "support/ClientSocket.h"
 #include "support/ServiceSession.h"
+#include "support/TestUtil.h"
 
 namespace {
 
 using peer::Connection;
 using peer::Message;
-
-long MsSince(peer::Clock::time_point start) {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(peer::Clock::now() - start).count());
-}
 
 std::wstring ComputerName() {
     wchar_t name[1024];
@@ -40,312 +34,191 @@ struct NoComputerName {
     ~NoComputerName() { KvnSetComputerNameFailure(FALSE); }
 };
 
-// Compares a request read by the service with the one expected: header
-// fields, then each record's type, size and value. A LONG is compared on its
-// 4 value bytes only: what fills a wider field is not the client's to say.
-void ExpectSameRequest(const Message& expected, const Message& got) {
-    ASSERT_TRUE(got.complete) << "the request did not arrive whole";
-    EXPECT_EQ("", got.error) << peer::Hex(got.raw);
-    EXPECT_EQ(expected.Fonction(), got.Fonction());
-    EXPECT_EQ(expected.IdApplication(), got.IdApplication());
-    EXPECT_EQ(expected.IdConnexion(), got.IdConnexion());
-    EXPECT_EQ(1, got.header.unicode);
-    ASSERT_EQ(expected.Count(), got.Count()) << peer::Hex(got.raw);
-    EXPECT_EQ(got.Count(), got.header.nbParam);
-    for (int i = 0; i < expected.Count(); ++i) {
-        const peer::Value& e = expected.Param(i);
-        const peer::Value& g = got.Param(i);
-        SCOPED_TRACE("parameter " + std::to_string(i));
-        EXPECT_EQ(static_cast<int>(e.type), static_cast<int>(g.type));
-        EXPECT_EQ(e.size, g.size);
-        if (e.IsNull() || g.IsNull()) continue;
-        if (e.isText) {
-            EXPECT_EQ(e.AsWide(), g.AsWide());
-        } else if (e.type == peer::kTypeLong) {
-            EXPECT_EQ(e.AsLong(), g.AsLong());
-        } else {
-            EXPECT_EQ(peer::Hex(e.data), peer::Hex(g.data));
-        }
-    }
-}
+// A service answer that is not the default one in any word.
+const SessionAnswer kDistinct = {4242, 1500, 5, 47001, 1, L"239.1.2.3", 33, 4, 2500, 700, 3};
 
-// The service answers on the main link or a connection's link; the request
-// object is prepared by each test with its own ids and time-outs.
-class Requests : public ::testing::Test {
+// Each Open gives a new request object, registered as the test says, on a new
+// link to the service; the service's scripts are set before it.
+class Requests : public clienttest::WireTest {
 protected:
-    void Connect(int idApplication, int idConnexion) {
-        link.reset(new ClientSocket(service.Port()));
-        msg.Init(idApplication, idConnexion, link->Get(), &comm);
+    CMsgSocketClient& Open(int idApplication, int idConnexion, peer::Script script) {
+        SOCKET s = Connect(std::move(script));
+        msg.reset(new CMsgSocketClient);
+        msg->Init(idApplication, idConnexion, s, &comm);
+        return *msg;
     }
-    // The client is done: closing its end also ends the service's silence
-    // checks (a close is not a byte), then the scripts must all have ended.
-    void Finish() {
-        if (link) link->Close();
-        service.WaitForScripts();
-    }
-    CParamComm TakenOver() {
-        CParamComm out;
-        msg.GetParamComm(&out);
-        return out;
+    // The ten words of `a` were taken over (and the id and database type).
+    void ExpectTakenOver(const SessionAnswer& a) {
+        CParamComm got;
+        msg->GetParamComm(&got);
+        EXPECT_EQ(a.idApplication, msg->GetIdApplication());
+        EXPECT_EQ(a.dbType, msg->GetDBType());
+        EXPECT_EQ(a.periodeHB, got.nPeriodeHB);
+        EXPECT_EQ(a.nbPeriodeHB, got.nNbPeriodeHB);
+        EXPECT_EQ(a.portHB, got.nPortHB);
+        EXPECT_EQ(a.multicastHB, got.bMulticastHB);
+        EXPECT_EQ(a.adresseHB, std::wstring(got.szAdresseHB));
+        EXPECT_EQ(a.param3, got.nParam3);
+        EXPECT_EQ(a.nbRetrySend, got.nNbRetrySend);
+        EXPECT_EQ(a.timeOutConnect, got.nTimeOutConnect);
+        EXPECT_EQ(a.timeOutAck, got.nTimeOutAck);
+        EXPECT_EQ(comm.nReserved, got.nReserved) << "the unused word is left alone";
     }
 
-    peer::ScriptedPeer service;
-    std::unique_ptr<ClientSocket> link;
     CParamComm comm;  // the client's defaults unless a test says otherwise
-    CMsgSocketClient msg;
+    std::unique_ptr<CMsgSocketClient> msg;
 };
 
-// A service answer that is not the default one in any word.
-SessionAnswer DistinctAnswer() {
-    SessionAnswer a;
-    a.idApplication = 4242;
-    a.periodeHB = 1500;
-    a.nbPeriodeHB = 5;
-    a.portHB = 47001;
-    a.multicastHB = 1;
-    a.adresseHB = L"239.1.2.3";
-    a.param3 = 33;
-    a.nbRetrySend = 4;
-    a.timeOutConnect = 2500;
-    a.timeOutAck = 700;
-    a.dbType = 3;
-    return a;
-}
+// ---- INIT_APPLICATION and REINIT_APPLICATION ------------------------------------------------
 
-// ---- INIT_APPLICATION -----------------------------------------------------------------------
-
-TEST_F(Requests, InitApplicationNamesTheComputerAndTheApplication) {
-    Message expected =
-        peer::Msg(KVN_INIT_APPLICATION, 0, 0,
-                  {peer::Text(ComputerName().c_str()), peer::Text(L"Caisse \u00e9t\u00e9"),
-                   peer::Long(1)});
-    service.OnAccept(0, [expected](Connection& c) {
-        c.Ack(c.ExpectMessage(expected));
-        c.Answer(InitApplicationAnswer(SessionAnswer()));
-    });
-    Connect(0, 0);
-    EXPECT_EQ(0, msg.SendInitApplication(L"Caisse \u00e9t\u00e9"));
-    Finish();
-}
-
-TEST_F(Requests, InitApplicationWithoutNamesSendsUnknowAndANullName) {
+TEST_F(Requests, InitApplicationNamesTheComputerAndTheApplicationOrSendsUnknowAndNull) {
+    auto expectSent = [this](const wchar_t* name, const peer::Value& computer,
+                             const peer::Value& application) {
+        Message expected =
+            peer::Msg(KVN_INIT_APPLICATION, 0, 0, {computer, application, peer::Long(1)});
+        Open(0, 0, [expected](Connection& c) {
+            c.Ack(c.ExpectMessage(expected));
+            c.Answer(InitApplicationAnswer(SessionAnswer()));
+        });
+        EXPECT_EQ(0, msg->SendInitApplication(name));
+        Finish();
+    };
+    expectSent(L"Caisse \u00e9t\u00e9", peer::Text(ComputerName().c_str()),
+               peer::Text(L"Caisse \u00e9t\u00e9"));
     NoComputerName noName;
-    Message expected =
-        peer::Msg(KVN_INIT_APPLICATION, 0, 0,
-                  {peer::Text(L"Unknow"), peer::NullOf(peer::kTypeWChar), peer::Long(1)});
-    service.OnAccept(0, [expected](Connection& c) {
-        c.Ack(c.ExpectMessage(expected));
-        c.Answer(InitApplicationAnswer(SessionAnswer()));
-    });
-    Connect(0, 0);
-    EXPECT_EQ(0, msg.SendInitApplication(L""));
-    Finish();
+    expectSent(L"", peer::Text(L"Unknow"), peer::NullOf(peer::kTypeWChar));
 }
 
-TEST_F(Requests, InitApplicationTakesTheTenAnswerWordsAndTheIdOfTheAnswer) {
-    SessionAnswer a = DistinctAnswer();
-    service.OnAccept(0, [a](Connection& c) { RegisterApplication(c, a); });
+TEST_F(Requests, InitApplicationTakesTheTenAnswerWordsAndSkipsOneOfTheWrongType) {
+    const SessionAnswer a = kDistinct;
     comm.nReserved = 1234;
-    Connect(0, 0);
-
-    EXPECT_EQ(0, msg.SendInitApplication(L"Caisse"));
+    Open(0, 0, [a](Connection& c) { RegisterApplication(c, a); });
+    EXPECT_EQ(0, msg->SendInitApplication(L"Caisse"));
     Finish();
-    EXPECT_EQ(4242, msg.GetIdApplication());
-    EXPECT_EQ(3, msg.GetDBType());
-    CParamComm got = TakenOver();
-    EXPECT_EQ(1500, got.nPeriodeHB);
-    EXPECT_EQ(5, got.nNbPeriodeHB);
-    EXPECT_EQ(47001, got.nPortHB);
-    EXPECT_EQ(1, got.bMulticastHB);
-    EXPECT_EQ(std::wstring(L"239.1.2.3"), std::wstring(got.szAdresseHB));
-    EXPECT_EQ(33, got.nParam3);
-    EXPECT_EQ(4, got.nNbRetrySend);
-    EXPECT_EQ(2500, got.nTimeOutConnect);
-    EXPECT_EQ(700, got.nTimeOutAck);
-    EXPECT_EQ(1234, got.nReserved) << "the unused word is left alone";
+    ExpectTakenOver(a);
     // The session is open: the object builds requests with the new id.
-    EXPECT_EQ(0, msg.CreateFetch());
-    EXPECT_EQ(4242, msg.CMsgSocket::GetIdApplication());
-}
+    EXPECT_EQ(0, msg->CreateFetch());
+    EXPECT_EQ(4242, msg->CMsgSocket::GetIdApplication());
 
-TEST_F(Requests, InitApplicationSkipsAnAnswerWordOfTheWrongType) {
-    Message answer = InitApplicationAnswer(DistinctAnswer());
+    Message answer = InitApplicationAnswer(a);
     answer.params[6] = peer::Text(L"9");
-    service.OnAccept(0, [answer](Connection& c) {
+    Open(0, 0, [answer](Connection& c) {
         c.Ack(c.Expect(KVN_INIT_APPLICATION));
         c.Answer(answer);
     });
-    Connect(0, 0);
-
-    EXPECT_EQ(0, msg.SendInitApplication(L"Caisse"));
+    EXPECT_EQ(0, msg->SendInitApplication(L"Caisse"));
     Finish();
-    CParamComm got = TakenOver();
-    EXPECT_EQ(comm.nNbRetrySend, got.nNbRetrySend);
-    EXPECT_EQ(1500, got.nPeriodeHB);
-    EXPECT_EQ(33, got.nParam3);
-    EXPECT_EQ(2500, got.nTimeOutConnect);
-    EXPECT_EQ(700, got.nTimeOutAck);
-    EXPECT_EQ(3, msg.GetDBType());
-    EXPECT_EQ(4242, msg.GetIdApplication());
+    SessionAnswer skipped = a;
+    skipped.nbRetrySend = comm.nNbRetrySend;
+    ExpectTakenOver(skipped);
 }
 
-TEST_F(Requests, InitApplicationRefusedWithOneValueReturnsItAndLeavesTheObjectClosed) {
-    service.OnAccept(0, [](Connection& c) {
-        c.Ack(c.Expect(KVN_INIT_APPLICATION));
-        c.Answer(peer::Msg(KVN_INIT_APPLICATION, 0, 0, {peer::Long(KVN_ERROR_MAX_CLIENT_ATTEINT)}));
-    });
-    Connect(0, 0);
-
-    EXPECT_EQ(KVN_ERROR_MAX_CLIENT_ATTEINT, msg.SendInitApplication(L"Caisse"));
-    Finish();
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, msg.CreateExec(L"SELECT 1"));
+TEST_F(Requests, AFailedInitApplicationGivesItsCodeAndLeavesTheObjectClosed) {
+    Message nineWords = InitApplicationAnswer(kDistinct);
+    nineWords.params.pop_back();
+    peer::Header implausible;
+    implausible.fonction = 2;
+    const struct {
+        const char* what;
+        bool acknowledged;
+        peer::Bytes reply;  // what the service sends then; nothing: it stays silent
+        int code;
+        long long atLeastMs;
+    } cases[] = {
+        {"refused with one value", true,
+         peer::Encode(peer::Msg(KVN_INIT_APPLICATION, 0, 0,
+                                {peer::Long(KVN_ERROR_MAX_CLIENT_ATTEINT)})),
+         KVN_ERROR_MAX_CLIENT_ATTEINT, 0},
+        {"nine words", true, peer::Encode(nineWords), KVN_ERROR_INIT_NB_PARAM, 0},
+        {"an implausible answer", true, peer::EncodeHeader(implausible), KVN_ERROR_RECEIVE, 0},
+        {"no acknowledgement", false, {}, KVN_ERROR_SOCKET_CLOSED, 0},
+        {"no answer: after the header wait", true, {}, KVN_ERROR_INIT_NB_PARAM, 1900},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.what);
+        const bool acknowledged = k.acknowledged;
+        const peer::Bytes reply = k.reply;
+        comm.nTimeOutAck = acknowledged ? 1000 : 50;
+        Open(0, 0, [acknowledged, reply](Connection& c) {
+            Message m = c.Expect(KVN_INIT_APPLICATION);
+            if (acknowledged) c.Ack(m);
+            if (reply.empty()) {
+                c.ExpectSilence(2500);
+                return;
+            }
+            c.SendRaw(reply);
+            // An answer is acknowledged (1), the bare implausible header refused (0).
+            peer::Bytes back = c.ReadRaw(peer::kHeaderSize);
+            ASSERT_EQ(peer::kHeaderSize, back.size());
+            EXPECT_EQ(reply.size() > peer::kHeaderSize ? 1 : 0, back[6]);
+        });
+        kvntest::Clock::time_point start = kvntest::Clock::now();
+        EXPECT_EQ(k.code, msg->SendInitApplication(L"Caisse"));
+        EXPECT_GE(kvntest::MsSince(start), k.atLeastMs);
+        Finish();
+        EXPECT_EQ(KVN_ERROR_UNKNOWN, msg->CreateExec(L"SELECT 1"));
+    }
 }
 
-TEST_F(Requests, InitApplicationAnsweredWithNineWordsGivesMinus68) {
-    Message answer = InitApplicationAnswer(DistinctAnswer());
-    answer.params.pop_back();
-    service.OnAccept(0, [answer](Connection& c) {
-        c.Ack(c.Expect(KVN_INIT_APPLICATION));
-        c.Answer(answer);
-    });
-    Connect(0, 0);
-
-    EXPECT_EQ(KVN_ERROR_INIT_NB_PARAM, msg.SendInitApplication(L"Caisse"));
-    Finish();
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, msg.CreateExec(L"SELECT 1"));
-}
-
-TEST_F(Requests, InitApplicationWithAnImplausibleAnswerGivesMinus51) {
-    service.OnAccept(0, [](Connection& c) {
-        c.Ack(c.Expect(KVN_INIT_APPLICATION));
-        peer::Header bad;
-        bad.fonction = 2;
-        c.SendRaw(peer::EncodeHeader(bad));
-        EXPECT_EQ(peer::kHeaderSize, c.ReadRaw(peer::kHeaderSize).size()) << "a refusal";
-    });
-    Connect(0, 0);
-
-    EXPECT_EQ(KVN_ERROR_RECEIVE, msg.SendInitApplication(L"Caisse"));
-    Finish();
-}
-
-TEST_F(Requests, InitApplicationNotAcknowledgedGivesMinus53) {
-    service.OnAccept(0, [](Connection& c) {
-        c.Expect(KVN_INIT_APPLICATION);
-        c.ExpectSilence(300);
-    });
-    comm.nTimeOutAck = 50;
-    Connect(0, 0);
-
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, msg.SendInitApplication(L"Caisse"));
-    Finish();
-}
-
-TEST_F(Requests, InitApplicationWithoutAnswerGivesMinus68AfterTheHeaderWait) {
-    service.OnAccept(0, [](Connection& c) {
-        c.Ack(c.Expect(KVN_INIT_APPLICATION));
-        c.ExpectSilence(2500);
-    });
-    Connect(0, 0);
-
-    peer::Clock::time_point start = peer::Clock::now();
-    EXPECT_EQ(KVN_ERROR_INIT_NB_PARAM, msg.SendInitApplication(L"Caisse"));
-    EXPECT_GE(MsSince(start), 1900);
-    Finish();
-}
-
-// ---- REINIT_APPLICATION ---------------------------------------------------------------------
-
-TEST_F(Requests, ReInitWithoutANameSendsTwoParametersAndTakesTheAnswer) {
-    SessionAnswer a = DistinctAnswer();
+TEST_F(Requests, ReInitSendsTheNameOnlyIfGivenAndTakesTheAnswersIdEvenWhenRefused) {
+    SessionAnswer a = kDistinct;
     a.idApplication = 77;
     Message expected = peer::Msg(KVN_REINIT_APPLICATION, 5, 0,
                                  {peer::Text(ComputerName().c_str()), peer::Long(1)});
-    service.OnAccept(0, [expected, a](Connection& c) {
+    Open(5, 0, [expected, a](Connection& c) {
         c.Ack(c.ExpectMessage(expected));
         c.Answer(InitApplicationAnswer(a));
     });
-    Connect(5, 0);
-
-    EXPECT_EQ(0, msg.SendReInitApplication(L""));
+    EXPECT_EQ(0, msg->SendReInitApplication(L""));
     Finish();
-    EXPECT_EQ(77, msg.GetIdApplication());
-    EXPECT_EQ(3, msg.GetDBType());
-    EXPECT_EQ(700, TakenOver().nTimeOutAck);
-    EXPECT_EQ(0, msg.CreateFetch());
-}
+    ExpectTakenOver(a);
+    EXPECT_EQ(0, msg->CreateFetch());
 
-TEST_F(Requests, ReInitRefusedReturnsTheAnswersCodeAndTakesItsId) {
-    Message expected =
-        peer::Msg(KVN_REINIT_APPLICATION, 5, 0,
-                  {peer::Text(ComputerName().c_str()), peer::Text(L"Caisse"), peer::Long(1)});
-    service.OnAccept(0, [expected](Connection& c) {
+    expected = peer::Msg(KVN_REINIT_APPLICATION, 5, 0,
+                         {peer::Text(ComputerName().c_str()), peer::Text(L"Caisse"), peer::Long(1)});
+    Open(5, 0, [expected](Connection& c) {
         c.Ack(c.ExpectMessage(expected));
         c.Answer(peer::Msg(KVN_DECONNEXION, 6, 0, {peer::Long(KVN_ERROR_MAX_CLIENT_ATTEINT)}));
     });
-    Connect(5, 0);
-
-    EXPECT_EQ(KVN_DECONNEXION, msg.SendReInitApplication(L"Caisse"));
+    EXPECT_EQ(KVN_DECONNEXION, msg->SendReInitApplication(L"Caisse"));
     Finish();
-    EXPECT_EQ(6, msg.GetIdApplication());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, msg.CreateFetch()) << "the application is not registered";
+    EXPECT_EQ(6, msg->GetIdApplication());
+    EXPECT_EQ(KVN_ERROR_UNKNOWN, msg->CreateFetch()) << "the application is not registered";
 }
 
 // ---- INIT_CONNEXION and REINIT_CONNEXION ----------------------------------------------------
 
-class ConnexionRequest : public Requests, public ::testing::WithParamInterface<int> {
-protected:
-    int Send() { return GetParam() == KVN_INIT_CONNEXION ? msg.SendInitConnexion()
-                                                         : msg.SendReInitConnexion(); }
-};
-
-TEST_P(ConnexionRequest, AcceptedGivesZero) {
-    const int code = GetParam();
-    service.OnAccept(0, [code](Connection& c) {
-        c.Ack(c.ExpectMessage(peer::Msg(code, 7, 3)));
-        c.Answer(peer::Msg(KVN_INIT_OK, 7, 3));
-    });
-    Connect(7, 3);
-    EXPECT_EQ(0, Send());
-    Finish();
-}
-
-TEST_P(ConnexionRequest, RefusedGivesTheAnswersCode) {
-    const int code = GetParam();
-    service.OnAccept(0, [code](Connection& c) {
-        c.Ack(c.Expect(code));
-        c.Answer(peer::Msg(code, 7, 3, {peer::Long(KVN_ERROR_ODBC_CONNEXION)}));
-    });
-    Connect(7, 3);
-    EXPECT_EQ(code, Send());
-    Finish();
-}
-
-INSTANTIATE_TEST_SUITE_P(Requests, ConnexionRequest,
-                         ::testing::Values(KVN_INIT_CONNEXION, KVN_REINIT_CONNEXION),
-                         [](const ::testing::TestParamInfo<int>& info) {
-                             return std::string(info.param == KVN_INIT_CONNEXION ? "Init"
-                                                                                 : "ReInit");
-                         });
-
-TEST_F(Requests, InitConnexionWithoutAnswerGivesMinus1AfterTheHeaderWait) {
-    service.OnAccept(0, [](Connection& c) {
+TEST_F(Requests, ConnexionRequestsAcceptedRefusedOrUnanswered) {
+    for (int code : {KVN_INIT_CONNEXION, KVN_REINIT_CONNEXION}) {
+        for (bool accept : {true, false}) {
+            SCOPED_TRACE(std::to_string(code) + (accept ? " accepted" : " refused"));
+            Open(7, 3, [code, accept](Connection& c) {
+                c.Ack(c.ExpectMessage(peer::Msg(code, 7, 3)));
+                c.Answer(accept ? peer::Msg(KVN_INIT_OK, 7, 3)
+                                : peer::Msg(code, 7, 3, {peer::Long(KVN_ERROR_ODBC_CONNEXION)}));
+            });
+            int r = code == KVN_INIT_CONNEXION ? msg->SendInitConnexion()
+                                               : msg->SendReInitConnexion();
+            EXPECT_EQ(accept ? 0 : code, r);
+            Finish();
+        }
+    }
+    // Unanswered: -1 after the header wait.
+    Open(7, 3, [](Connection& c) {
         c.Ack(c.Expect(KVN_INIT_CONNEXION));
         c.ExpectSilence(2500);
     });
-    Connect(7, 3);
-    EXPECT_EQ(-1, msg.SendInitConnexion());
+    EXPECT_EQ(-1, msg->SendInitConnexion());
     Finish();
 }
 
 // ---- Requests without an answer -------------------------------------------------------------
 
 TEST_F(Requests, CloseApplicationAndHeartBeatCarryTheRegisteredIdAndAreOnlyAcknowledged) {
-    service.OnAccept(0, MainLink(SessionAnswer()));
-    Connect(0, 0);
-    ASSERT_EQ(0, msg.SendInitApplication(L"Caisse"));
-    EXPECT_EQ(0, msg.SendCloseApplication());
-    EXPECT_EQ(0, msg.SendHeartBeat());
+    Open(0, 0, MainLink(SessionAnswer()));
+    ASSERT_EQ(0, msg->SendInitApplication(L"Caisse"));
+    EXPECT_EQ(0, msg->SendCloseApplication());
+    EXPECT_EQ(0, msg->SendHeartBeat());
     Finish();
 
     std::vector<Message> got = service.Received(0);
@@ -357,17 +230,15 @@ TEST_F(Requests, CloseApplicationAndHeartBeatCarryTheRegisteredIdAndAreOnlyAckno
 }
 
 TEST_F(Requests, CloseApplicationWaitsOnly100MsForItsAcknowledgement) {
-    service.OnAccept(0, [](Connection& c) {
+    comm.nTimeOutAck = 5000;  // not what this request waits
+    Open(7, 0, [](Connection& c) {
         Message m = c.Expect(KVN_CLOSE_APPLICATION);
         c.Delay(150);
         c.Ack(m);
     });
-    comm.nTimeOutAck = 5000;  // not what this request waits
-    Connect(7, 0);
-
-    peer::Clock::time_point start = peer::Clock::now();
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, msg.SendCloseApplication());
-    long waited = MsSince(start);
+    kvntest::Clock::time_point start = kvntest::Clock::now();
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, msg->SendCloseApplication());
+    long long waited = kvntest::MsSince(start);
     EXPECT_GE(waited, 90);
     EXPECT_LT(waited, 1000);
     Finish();
@@ -375,174 +246,116 @@ TEST_F(Requests, CloseApplicationWaitsOnly100MsForItsAcknowledgement) {
 
 // ---- Database request builders --------------------------------------------------------------
 
-struct BuilderCase {
-    const char* name;
-    std::function<int(CMsgSocketClient&)> build;
-    Message expected;  // ids 7 and 3
-};
-
-CParam LongBound(std::int32_t v) {
+CParam Bound(int type, unsigned size) {
     CParam p;
-    p.cType = SQL_C_LONG;
-    p.nTaille = 8;  // as the bound-parameter operations prepare it
-    p.valNum.lVal = v;
+    p.cType = static_cast<signed char>(type);
+    p.nTaille = size;
     return p;
 }
 
 TEST_F(Requests, EveryBuilderPutsItsParametersOnTheWireInOrder) {
-    // The bound values: a LONG of size 8, a text, a double, a NULL, a
-    // timestamp (its fraction is not sent), a 64-bit integer and a GUID.
-    std::vector<CParam> bound(7);
-    bound[0] = LongBound(42);
-    bound[1].cType = SQL_C_WCHAR;
-    bound[1].nTaille = 6;
+    // The bound values: a LONG of size 8 (as the bound-parameter operations
+    // prepare it), a text, a double, a NULL, a timestamp (its fraction is not
+    // sent), a 64-bit integer and a GUID.
+    std::vector<CParam> bound = {Bound(SQL_C_LONG, 8),      Bound(SQL_C_WCHAR, 6),
+                                 Bound(SQL_C_DOUBLE, 8),    Bound(SQL_C_WCHAR, 0),
+                                 Bound(SQL_C_TIMESTAMP, 18), Bound(SQL_C_SBIGINT, 8),
+                                 Bound(SQL_C_GUID, 16)};
+    bound[0].valNum.lVal = 42;
+    delete[] bound[1].pszValeur;  // the copy's empty text
     bound[1].pszValeur = new wchar_t[7];
     std::wcscpy(bound[1].pszValeur, L"Dupont");
-    bound[2].cType = SQL_C_DOUBLE;
-    bound[2].nTaille = 8;
     bound[2].valNum.dVal = 2.5;
-    bound[3].cType = SQL_C_WCHAR;
     bound[3].bNull = 1;
-    bound[4].cType = SQL_C_TIMESTAMP;
-    bound[4].nTaille = 18;
     bound[4].dateValeur = KvnTimestamp{2006, 3, 7, 14, 5, 9, 1234};
-    bound[5].cType = SQL_C_SBIGINT;
-    bound[5].nTaille = 8;
     bound[5].valNum.llVal = -9000000000LL;
-    bound[6].cType = SQL_C_GUID;
-    bound[6].nTaille = 16;
     bound[6].guidValeur = GUID{0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
-
     std::vector<CParamProc> proc(2);
     proc[0].nSens = KVN_PARAM_IN;
-    static_cast<CParam&>(proc[0]) = LongBound(10);
+    static_cast<CParam&>(proc[0]) = Bound(SQL_C_LONG, 8);
+    proc[0].valNum.lVal = 10;
     proc[1].nSens = KVN_PARAM_OUT;
     proc[1].cType = SQL_C_DOUBLE;
     proc[1].bNull = 1;
 
+    Open(7, 3, AcknowledgeUntilClose);
+    std::vector<Message> expected;
+    auto sent = [&](int built, Message m) {
+        EXPECT_EQ(0, built) << m.Fonction();
+        EXPECT_EQ(1, msg->SendMessage(link->Get(), -1, -1)) << m.Fonction();
+        expected.push_back(m);
+    };
     using namespace peer;
     const wchar_t* select = L"SELECT nom FROM clients WHERE ville = 'Gen\u00e8ve \U0001F600'";
-    std::vector<BuilderCase> cases = {
-        {"CreateExec", [](CMsgSocketClient& m) { return m.CreateExec(L"SELECT 1"); },
-         Msg(KVN_EXECUTE, 7, 3, {Text(L"SELECT 1")})},
-        {"CreateExecSelect", [select](CMsgSocketClient& m) { return m.CreateExecSelect(select); },
-         Msg(KVN_EXECUTESELECT, 7, 3, {Text(select)})},
-        {"CreateFetch", [](CMsgSocketClient& m) { return m.CreateFetch(); },
-         Msg(KVN_FETCH, 7, 3)},
-        {"CreateGetData", [](CMsgSocketClient& m) { return m.CreateGetData(3, -4); },
-         Msg(KVN_GETDATA, 7, 3, {Long(3), Long(-4)})},
-        {"CreateLibereConnexionSelect",
-         [](CMsgSocketClient& m) { return m.CreateLibereConnexionSelect(); },
-         Msg(KVN_LIBERE_CNX_SELECT, 7, 3)},
-        {"CreateGetLine", [](CMsgSocketClient& m) { return m.CreateGetLine(0); },
-         Msg(KVN_GETLINE, 7, 3, {Long(0)})},
-        {"CreateIsTableExist", [](CMsgSocketClient& m) { return m.CreateIsTableExist(L"clients"); },
-         Msg(KVN_EXISTTABLE, 7, 3, {Text(L"clients")})},
-        {"CreateIsColumnExist",
-         [](CMsgSocketClient& m) { return m.CreateIsColumnExist(L"clients", L"nom"); },
-         Msg(KVN_EXISTCOLUMN, 7, 3, {Text(L"clients"), Text(L"nom")})},
-        {"CreateGetColumns", [](CMsgSocketClient& m) { return m.CreateGetColumns(L"clients"); },
-         Msg(KVN_GETCOLUMNS, 7, 3, {Text(L"clients")})},
-        {"CreateExecBind",
-         [&bound](CMsgSocketClient& m) {
-             return m.CreateExecBind(L"INSERT INTO t VALUES (?,?,?,?,?,?,?)",
-                                     static_cast<int>(bound.size()), bound.data());
-         },
+    const wchar_t* insert = L"INSERT INTO t VALUES (?,?,?,?,?,?,?)";
+    sent(msg->CreateExec(L"SELECT 1"), Msg(KVN_EXECUTE, 7, 3, {Text(L"SELECT 1")}));
+    sent(msg->CreateExecSelect(select), Msg(KVN_EXECUTESELECT, 7, 3, {Text(select)}));
+    sent(msg->CreateFetch(), Msg(KVN_FETCH, 7, 3));
+    sent(msg->CreateGetData(3, -4), Msg(KVN_GETDATA, 7, 3, {Long(3), Long(-4)}));
+    sent(msg->CreateLibereConnexionSelect(), Msg(KVN_LIBERE_CNX_SELECT, 7, 3));
+    sent(msg->CreateGetLine(0), Msg(KVN_GETLINE, 7, 3, {Long(0)}));
+    sent(msg->CreateIsTableExist(L"clients"), Msg(KVN_EXISTTABLE, 7, 3, {Text(L"clients")}));
+    sent(msg->CreateIsColumnExist(L"clients", L"nom"),
+         Msg(KVN_EXISTCOLUMN, 7, 3, {Text(L"clients"), Text(L"nom")}));
+    sent(msg->CreateGetColumns(L"clients"), Msg(KVN_GETCOLUMNS, 7, 3, {Text(L"clients")}));
+    sent(msg->CreateExecBind(insert, static_cast<int>(bound.size()), bound.data()),
          Msg(KVN_EXECUTEBIND, 7, 3,
-             {Text(L"INSERT INTO t VALUES (?,?,?,?,?,?,?)"), Long(42, 8), Text(L"Dupont"),
-              Double(2.5), NullOf(kTypeWChar), Timestamp("070320061405090000"),
-              BigInt(-9000000000LL),
-              Guid({0x78, 0x56, 0x34, 0x12, 0xBC, 0x9A, 0xF0, 0xDE, 1, 2, 3, 4, 5, 6, 7, 8})})},
-        {"CreateExecStoredProc",
-         [&proc](CMsgSocketClient& m) {
-             return m.CreateExecStoredProc(L"ps_maj", static_cast<int>(proc.size()), proc.data(),
-                                           3);
-         },
+             {Text(insert), Long(42, 8), Text(L"Dupont"), Double(2.5), NullOf(kTypeWChar),
+              Timestamp("070320061405090000"), BigInt(-9000000000LL),
+              Guid({0x78, 0x56, 0x34, 0x12, 0xBC, 0x9A, 0xF0, 0xDE, 1, 2, 3, 4, 5, 6, 7, 8})}));
+    sent(msg->CreateExecStoredProc(L"ps_maj", static_cast<int>(proc.size()), proc.data(), 3),
          Msg(KVN_EXECUTEPROC, 7, 3,
              {Text(L"ps_maj"), Long(3), Long(KVN_PARAM_IN), Long(10, 8), Long(KVN_PARAM_OUT),
-              NullOf(kTypeDouble)})},
-        {"CreateGetErrorText", [](CMsgSocketClient& m) { return m.CreateGetErrorText(); },
-         Msg(KVN_GET_ODBC_ERROR_TEXT, 7, 3)},
-        {"CreateExecRequete", [](CMsgSocketClient& m) { return m.CreateExecRequete(L"TABLES"); },
-         Msg(KVN_REQUETE_METABASE, 7, 3, {Text(L"TABLES")})},
-    };
-
-    const int count = static_cast<int>(cases.size());
-    service.OnAccept(0, [count](Connection& c) {
-        for (int i = 0; i < count; ++i) {
-            Message m = c.Read();
-            if (!m.complete) {
-                ADD_FAILURE() << "request " << i << " did not arrive";
-                return;
-            }
-            c.Ack(m);
-        }
-    });
-    Connect(7, 3);
-    for (BuilderCase& bc : cases) {
-        SCOPED_TRACE(bc.name);
-        EXPECT_EQ(0, bc.build(msg));
-        ASSERT_EQ(1, msg.SendMessage(link->Get(), -1, -1));
-    }
+              NullOf(kTypeDouble)}));
+    sent(msg->CreateGetErrorText(), Msg(KVN_GET_ODBC_ERROR_TEXT, 7, 3));
+    sent(msg->CreateExecRequete(L"TABLES"), Msg(KVN_REQUETE_METABASE, 7, 3, {Text(L"TABLES")}));
     Finish();
 
     std::vector<Message> got = service.Received(0);
-    ASSERT_EQ(cases.size(), got.size());
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE(cases[i].name);
-        ExpectSameRequest(cases[i].expected, got[i]);
+    ASSERT_EQ(expected.size(), got.size());
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        SCOPED_TRACE(expected[i].Fonction());
+        clienttest::ExpectSameRequest(expected[i], got[i]);
     }
 }
 
 TEST_F(Requests, EmptyStatementsAreRefusedWithMinus58AndAnEmptyRequest) {
-    msg.Init(7, 3, INVALID_SOCKET, &comm);
-    EXPECT_EQ(KVN_ERROR_PARAMETER, msg.CreateExec(L""));
-    EXPECT_EQ(KVN_EXECUTE, msg.GetFonction());
-    EXPECT_EQ(0, msg.GetNbParametre());
-    EXPECT_EQ(KVN_ERROR_PARAMETER, msg.CreateExecSelect(L""));
-    EXPECT_EQ(KVN_EXECUTESELECT, msg.GetFonction());
-    EXPECT_EQ(0, msg.GetNbParametre());
-    EXPECT_EQ(KVN_ERROR_PARAMETER, msg.CreateExecRequete(L""));
-    EXPECT_EQ(KVN_REQUETE_METABASE, msg.GetFonction());
-    EXPECT_EQ(0, msg.GetNbParametre());
+    CMsgSocketClient m;
+    m.Init(7, 3, INVALID_SOCKET, &comm);
+    const struct {
+        int (CMsgSocketClient::*build)(const wchar_t*);
+        int fonction;
+    } builders[] = {{&CMsgSocketClient::CreateExec, KVN_EXECUTE},
+                    {&CMsgSocketClient::CreateExecSelect, KVN_EXECUTESELECT},
+                    {&CMsgSocketClient::CreateExecRequete, KVN_REQUETE_METABASE}};
+    for (const auto& b : builders) {
+        SCOPED_TRACE(b.fonction);
+        EXPECT_EQ(KVN_ERROR_PARAMETER, (m.*b.build)(L""));
+        EXPECT_EQ(b.fonction, m.GetFonction());
+        EXPECT_EQ(0, m.GetNbParametre());
+    }
 }
 
 // Every request but the registration needs an initialised object with an
 // application id; without one nothing is built and nothing goes out.
-void ExpectEveryRequestRefused(CMsgSocketClient& m) {
-    CParam one;
-    CParamProc oneProc;
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.SendReInitApplication(L"Caisse"));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.SendInitConnexion());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.SendReInitConnexion());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.SendCloseApplication());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.SendHeartBeat());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateExec(L"SELECT 1"));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateExecSelect(L"SELECT 1"));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateFetch());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateGetData(1, 2));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateLibereConnexionSelect());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateGetLine(0));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateIsTableExist(L"t"));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateIsColumnExist(L"t", L"c"));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateGetColumns(L"t"));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateExecBind(L"SELECT ?", 1, &one));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateExecStoredProc(L"p", 1, &oneProc, 0));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateGetErrorText());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, m.CreateExecRequete(L"TABLES"));
-    EXPECT_EQ(-1, m.GetFonction()) << "no request was built";
-}
-
-TEST_F(Requests, AnObjectNeverInitialisedRefusesEveryRequest) {
+TEST_F(Requests, WithoutInitOrApplicationIdEveryRequestButTheRegistrationIsRefused) {
     CMsgSocketClient fresh;
     EXPECT_EQ(KVN_ERROR_UNKNOWN, fresh.SendInitApplication(L"Caisse"));
-    ExpectEveryRequestRefused(fresh);
-}
-
-TEST_F(Requests, WithoutAnApplicationIdOnlyTheRegistrationIsSent) {
-    service.OnAccept(0, [](Connection& c) { c.ExpectSilence(200); });
-    Connect(0, 3);
-    ExpectEveryRequestRefused(msg);
+    Open(0, 3, [](Connection& c) { c.ExpectSilence(200); });
+    for (CMsgSocketClient* m : {&fresh, msg.get()}) {
+        CParam one;
+        CParamProc oneProc;
+        const int results[] = {
+            m->SendReInitApplication(L"Caisse"), m->SendInitConnexion(), m->SendReInitConnexion(),
+            m->SendCloseApplication(), m->SendHeartBeat(), m->CreateExec(L"SELECT 1"),
+            m->CreateExecSelect(L"SELECT 1"), m->CreateFetch(), m->CreateGetData(1, 2),
+            m->CreateLibereConnexionSelect(), m->CreateGetLine(0), m->CreateIsTableExist(L"t"),
+            m->CreateIsColumnExist(L"t", L"c"), m->CreateGetColumns(L"t"),
+            m->CreateExecBind(L"SELECT ?", 1, &one), m->CreateExecStoredProc(L"p", 1, &oneProc, 0),
+            m->CreateGetErrorText(), m->CreateExecRequete(L"TABLES")};
+        for (int r : results) EXPECT_EQ(KVN_ERROR_UNKNOWN, r) << "request " << (&r - results);
+        EXPECT_EQ(-1, m->GetFonction()) << "no request was built";
+    }
     Finish();
 }
 

@@ -9,6 +9,7 @@
 
 #include <korvane/CKorvaneClient.h>
 
+#include "ClientTestUtil.h"
 #include "client/ClientTimings.h"
 #include "support/OperationSession.h"
 #include "support/ServiceSession.h"
@@ -16,28 +17,26 @@
 namespace {
 
 using peer::Long;
-using peer::Text;
 using peer::Value;
 
-// The answer to KVN_EXECUTESELECT: status 0, the value beside it, then a block
-// of rows of two columns (an id and a text), the more-rows flag and the cells.
-std::vector<Value> FirstBlock(int resultat, int firstId, int rows, int more) {
-    std::vector<Value> v = {Long(0), Long(resultat), Long(0), Long(rows), Long(2), Long(more)};
+// `head`, then the more-rows flag and the cells of rows of two columns (an id
+// and a text).
+std::vector<Value> Block(std::vector<Value> head, int firstId, int rows, int more) {
+    head.push_back(Long(more));
     for (int i = 0; i < rows; i++) {
-        v.push_back(Long(firstId + i));
-        v.push_back(Text((L"ligne " + std::to_wstring(firstId + i)).c_str()));
+        head.push_back(Long(firstId + i));
+        head.push_back(peer::Text((L"ligne " + std::to_wstring(firstId + i)).c_str()));
     }
-    return v;
+    return head;
 }
-
-// The answer to KVN_GETLINE: status 0, rows, columns, more-rows flag, cells.
+// The answer to KVN_EXECUTESELECT: status 0, the value beside it, a second
+// status, then the block.
+std::vector<Value> FirstBlock(int resultat, int firstId, int rows, int more) {
+    return Block({Long(0), Long(resultat), Long(0), Long(rows), Long(2)}, firstId, rows, more);
+}
+// The answer to KVN_GETLINE: status 0, then the block.
 std::vector<Value> NextBlock(int firstId, int rows, int more) {
-    std::vector<Value> v = {Long(0), Long(rows), Long(2), Long(more)};
-    for (int i = 0; i < rows; i++) {
-        v.push_back(Long(firstId + i));
-        v.push_back(Text((L"ligne " + std::to_wstring(firstId + i)).c_str()));
-    }
-    return v;
+    return Block({Long(0), Long(rows), Long(2)}, firstId, rows, more);
 }
 
 class Select : public OperationSession {
@@ -55,22 +54,19 @@ protected:
         return static_cast<int>(id);
     }
     int GetLineRequests() {
-        int n = 0;
-        for (const peer::Message& m : Requests()) {
-            if (m.Fonction() != KVN_GETLINE) continue;
-            n++;
+        std::vector<peer::Message> found = clienttest::OfFunction(Requests(), KVN_GETLINE);
+        for (const peer::Message& m : found) {
             EXPECT_EQ(1, m.Count());
             EXPECT_EQ(0, m.Param(0).AsLong()) << "Fetch asks with 0";
         }
-        return n;
+        return static_cast<int>(found.size());
     }
     static constexpr int kNoData = -1000 - KVN_NO_DATA;
 };
 
 TEST_F(Select, WithoutRowsIsASuccessAndTheFirstFetchHasNoData) {
     Open([](peer::Connection& c) {
-        peer::Message m = Serve(c, KVN_EXECUTESELECT,
-                                {Long(0), Long(12), Long(0), Long(0), Long(0), Long(0)});
+        peer::Message m = Serve(c, KVN_EXECUTESELECT, FirstBlock(12, 0, 0, 0));
         EXPECT_EQ(1, m.Count());
         EXPECT_EQ(L"select * from vide", m.Param(0).AsWide());
         c.ExpectSilence(200);
@@ -93,9 +89,7 @@ TEST_F(Select, OneBlockIsWalkedWithoutAskingForMoreAndAFetchAfterTheEndAsksAgain
     int resultat = 0;
     ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select id, nom from t", resultat));
     EXPECT_EQ(3, resultat);
-    EXPECT_EQ(1, FetchId());
-    EXPECT_EQ(2, FetchId());
-    EXPECT_EQ(3, FetchId());
+    for (int id = 1; id <= 3; id++) EXPECT_EQ(id, FetchId());
     EXPECT_EQ(kNoData, FetchId());
     long v = 9;
     EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, v)) << "the buffer is empty after the end";
@@ -157,7 +151,6 @@ TEST_F(Select, ServiceErrorsAndRefusalsOfExecuteSelect) {
     CString requete(L"select faux");
     EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteSelect(hCnx, requete, resultat));
     EXPECT_EQ(0, resultat);
-
     resultat = 44;
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecuteSelect(hCnx, L"", resultat));
     EXPECT_EQ(0, resultat);
@@ -165,11 +158,12 @@ TEST_F(Select, ServiceErrorsAndRefusalsOfExecuteSelect) {
     resultat = 44;
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.ExecuteSelect(hCnx + 1, L"select", resultat));
     EXPECT_EQ(44, resultat);
-    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 3  "));
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Fetch(hCnx + 1));
-    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 4  "));
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.LibereStatment(hCnx + 1));
-    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 6  "));
+    for (const wchar_t* line : {L"\r\nError KVN_ERROR_HANDLE_CNX 3  ",
+                                L"\r\nError KVN_ERROR_HANDLE_CNX 4  ",
+                                L"\r\nError KVN_ERROR_HANDLE_CNX 6  "})
+        EXPECT_EQ(1, debugger.Count(line)) << std::wstring(line).substr(2).c_str();
 }
 
 // Fetch answers 0 only with a new current row: when the next block cannot be
@@ -178,8 +172,7 @@ TEST_F(Select, ServiceErrorsAndRefusalsOfExecuteSelect) {
 TEST_F(Select, FetchReportsTheFailureOfTheGetLineItCalled) {
     Open([](peer::Connection& c) {
         Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 1, 1));
-        peer::Message m = c.Expect(KVN_GETLINE);
-        c.Ack(m);  // and never answers
+        c.Ack(c.Expect(KVN_GETLINE));  // and never answers
     });
     int resultat = 0;
     ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
@@ -202,14 +195,13 @@ TEST_F(Select, LibereStatmentIsSentWithoutWaitingForAnAnswer) {
         peer::Message m = c.Expect(KVN_LIBERE_CNX_SELECT);
         EXPECT_EQ(0, m.Count());
         c.Ack(m);
-        m = c.Expect(KVN_LIBERE_CNX_SELECT);  // not acknowledged: the send fails
+        c.Expect(KVN_LIBERE_CNX_SELECT);  // not acknowledged: the send fails
     });
     int resultat = 0;
     ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
     EXPECT_EQ(1, FetchId());
     EXPECT_EQ(KVN_NO_ERROR, client.LibereStatment(hCnx));
-    // The local rows are not touched.
-    EXPECT_EQ(2, FetchId());
+    EXPECT_EQ(2, FetchId()) << "the local rows are not touched";
 
     // A send that is never acknowledged ends as a closed socket: the link is
     // declared lost.

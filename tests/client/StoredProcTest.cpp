@@ -1,7 +1,6 @@
 // Stored procedures: the declarations and their refusals, the request that
 // carries every parameter with its direction (OUT ones as NULL), and the
 // copy of the returned values into the application's variables.
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -9,51 +8,38 @@
 
 #include <korvane/CKorvaneClient.h>
 
+#include "ClientTestUtil.h"
 #include "support/OperationSession.h"
 
 namespace {
 
 using peer::Long;
 using peer::Text;
-using peer::Value;
 
-class StoredProc : public OperationSession {
-protected:
-    // The requests of function KVN_EXECUTEPROC the service read.
-    std::vector<peer::Message> Calls() {
-        std::vector<peer::Message> calls;
-        for (const peer::Message& m : Requests())
-            if (m.Fonction() == KVN_EXECUTEPROC) calls.push_back(m);
-        return calls;
-    }
-};
-
-const wchar_t kLineNull[] = L"CKorvaneClient::SetStoredProcParams(): erreur parametre 5 = NULL";
-const wchar_t kLineType[] = L"CKorvaneClient::SetStoredProcParams(): erreur type inconnu (parametre 4)";
-const wchar_t kLineSens[] = L"CKorvaneClient::SetStoredProcParams(): erreur sens inconnu (parametre 3)";
+class StoredProc : public OperationSession {};
 
 TEST_F(StoredProc, DeclarationsAreRefusedInTheirOrderOfChecks) {
     Open(nullptr);
     LogUpTo(3);
+    const std::wstring line = L"CKorvaneClient::SetStoredProcParams(): erreur ";
     int v = 1;
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 2, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
-    EXPECT_EQ(1, log.Count(L"CKorvaneClient::SetStoredProcParams(): erreur parametre \"colonne\" = 2"));
+    EXPECT_EQ(1, log.Count(line + L"parametre \"colonne\" = 2"));
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 0, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
-
     // A null value is reported first, whatever else is wrong.
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 5, 3, SQL_C_GUID, nullptr, 0));
-    EXPECT_EQ(1, log.Count(kLineNull));
+    EXPECT_EQ(1, log.Count(line + L"parametre 5 = NULL"));
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 1, 3, SQL_C_LONG, &v, 0));
-    EXPECT_EQ(1, log.Count(kLineSens));
+    EXPECT_EQ(1, log.Count(line + L"sens inconnu (parametre 3)"));
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, SQL_C_GUID, &v, 0));
-    EXPECT_EQ(1, log.Count(kLineType));
+    EXPECT_EQ(1, log.Count(line + L"type inconnu (parametre 4)"));
 
     // 64 parameters are accepted, the 65th is not.
     ASSERT_EQ(0, client.ClearStoredProcParams(hCnx));
     for (int i = 0; i < 64; i++)
         ASSERT_EQ(0, client.AddStoredProcParams(hCnx, KVN_PARAM_IN, SQL_C_LONG, &v, 0)) << i;
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.AddStoredProcParams(hCnx, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
-    EXPECT_EQ(1, log.Count(L"CKorvaneClient::SetStoredProcParams(): erreur nb de parametres max atteint (64)"));
+    EXPECT_EQ(1, log.Count(line + L"nb de parametres max atteint (64)"));
     // A declared position may be declared again, even in a full table.
     double d = 2.5;
     EXPECT_EQ(0, client.SetStoredProcParams(hCnx, 64, KVN_PARAM_IN, SQL_C_DOUBLE, &d, 0));
@@ -61,9 +47,10 @@ TEST_F(StoredProc, DeclarationsAreRefusedInTheirOrderOfChecks) {
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.ClearStoredProcParams(hCnx + 1));
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.AddStoredProcParams(hCnx + 1, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.SetStoredProcParams(hCnx + 1, 1, KVN_PARAM_IN, SQL_C_LONG, &v, 0));
-    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 18  "));
-    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 19  "));
-    EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 20  "));
+    for (const wchar_t* trace : {L"\r\nError KVN_ERROR_HANDLE_CNX 18  ",
+                                 L"\r\nError KVN_ERROR_HANDLE_CNX 19  ",
+                                 L"\r\nError KVN_ERROR_HANDLE_CNX 20  "})
+        EXPECT_EQ(1, debugger.Count(trace)) << std::wstring(trace).substr(2).c_str();
 }
 
 TEST_F(StoredProc, EveryDirectionAndTypeTravelsAndComesBack) {
@@ -114,26 +101,19 @@ TEST_F(StoredProc, EveryDirectionAndTypeTravelsAndComesBack) {
     EXPECT_STREQ(L"", outText);
 
     Finish();
-    std::vector<peer::Message> calls = Calls();
+    std::vector<peer::Message> calls = clienttest::OfFunction(Requests(), KVN_EXECUTEPROC);
     ASSERT_EQ(2u, calls.size());
-    for (const peer::Message& m : calls) {
-        ASSERT_EQ(2 + 8 * 2, m.Count());
-        EXPECT_EQ(L"ps_test", m.Param(0).AsWide());
-        EXPECT_EQ(9, m.Param(1).AsLong());
-        const int sens[8] = {1, 2, 4, 4, 4, 4, 1, 4};
-        for (int i = 0; i < 8; i++) EXPECT_EQ(sens[i], m.Param(2 + 2 * i).AsLong()) << i;
-        EXPECT_EQ(5, m.Param(3).AsLong());
-        EXPECT_EQ(L"abc", m.Param(5).AsWide());
-        for (int i : {7, 9, 11, 13, 17}) EXPECT_TRUE(m.Param(i).IsNull()) << i;
-        EXPECT_EQ(peer::kTypeDouble, m.Param(7).type);
-        EXPECT_EQ(peer::kTypeTimestamp, m.Param(11).type);
-        EXPECT_EQ(peer::kTypeBigInt, m.Param(13).type);
-        EXPECT_EQ("040320210506070000", m.Param(15).AsTimestamp());
-        EXPECT_EQ(peer::kTypeWChar, m.Param(17).type);
-    }
+    // Each parameter goes as its direction, then its value (NULL when OUT).
+    using namespace peer;
+    const Message expected = Msg(
+        KVN_EXECUTEPROC, 7, hCnx,
+        {Text(L"ps_test"), Long(9), Long(1), Long(5, 8), Long(2), Text(L"abc"), Long(4),
+         NullOf(kTypeDouble), Long(4), NullOf(kTypeLong), Long(4), NullOf(kTypeTimestamp), Long(4),
+         NullOf(kTypeBigInt), Long(1), Timestamp("040320210506070000"), Long(4), NullOf(kTypeWChar)});
+    for (const peer::Message& m : calls) clienttest::ExpectSameRequest(expected, m);
 }
 
-TEST_F(StoredProc, AReturnedValueOfAnotherTypeStopsTheCopy) {
+TEST_F(StoredProc, AReturnedValueOfAnotherTypeOrMissingStopsTheCopy) {
     Open([](peer::Connection& c) {
         Serve(c, KVN_EXECUTEPROC, {Long(0), Long(11), Long(12)});
         Serve(c, KVN_EXECUTEPROC, {Long(0), Long(21)});
@@ -145,7 +125,6 @@ TEST_F(StoredProc, AReturnedValueOfAnotherTypeStopsTheCopy) {
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecStoredProc(hCnx, L"ps", 0));
     EXPECT_EQ(11, first);
     EXPECT_DOUBLE_EQ(0.5, second);
-
     // Fewer values than OUT parameters: the answer is short.
     EXPECT_EQ(KVN_ERROR_RECEIVE, client.ExecStoredProc(hCnx, L"ps", 0));
     EXPECT_EQ(21, first);

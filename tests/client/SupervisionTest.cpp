@@ -1,88 +1,54 @@
 // The session survives losses: the service restarting, refusing the
-// re-registration, staying away, or its heartbeat stopping. What the
-// application sees: the loss (event and message), requests refused until
-// every link is back, "comm OK" once the main link is back, m_hEvtCommOK once
-// the last connection is back; and what the service sees: the application
-// re-registered, the connections re-opened one at a time under their handles,
-// the loader woken.
+// re-registration, staying away, or its heartbeat stopping. The application
+// sees the loss (event and message), requests refused until every link is
+// back, "comm OK" once the main link is back and m_hEvtCommOK once the last
+// connection is; the service sees the application re-registered, the
+// connections re-opened one at a time under their handles, the loader woken.
 #include <algorithm>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include <korvane/CKorvaneClient.h>
-#include <korvane/SockInit.h>
-#include <korvane/platform/NotifyWindow.h>
-
-#include "peer/ScriptedPeer.h"
-#include "platform/Kernel.h"
-#include "platform/Threads.h"
+#include "ClientProbe.h"
 #include "support/HeartBeatSender.h"
 #include "support/RestartingService.h"
-#include "support/TestUtil.h"
 
 namespace {
 
 using kvntest::Clock;
 using kvntest::MsSince;
-
-class Client : public CKorvaneClient {
-public:
-    int IdApplication() const { return m_nIdApplication; }
-    BOOL AllConnected() const { return m_bAllConnected; }
-    DWORD LastHeartBeat() const { return m_dwLastHeartBeat; }
-    void SetLastHeartBeat(DWORD t) { m_dwLastHeartBeat = t; }
-};
-
-bool IsSet(HANDLE event, DWORD timeoutMs = 0) {
-    return KvnWaitForSingleObject(event, timeoutMs) == WAIT_OBJECT_0;
-}
+using probe::IsSet;
 
 class Supervision : public ::testing::Test {
 protected:
-    void SetUp() override {
-        SockInitWinSock();
-        window_ = KvnCreateNotifyWindow();
-        ASSERT_NE(nullptr, window_);
-    }
-    void TearDown() override {
-        client_.reset();
-        service_.reset();
-        KvnDestroyNotifyWindow(window_);
-        SockCloseWinSock();
-    }
+    void SetUp() override { ASSERT_NE(nullptr, window_.h); }
 
-    // A service whose acknowledgements may come late on a loaded machine
-    // (sanitizers, emulation): a missed acknowledgement is a loss.
+    // Acknowledgements may come late on a loaded machine (sanitizers,
+    // emulation): a missed acknowledgement is a loss.
     static SessionAnswer Patient() {
         SessionAnswer a;
         a.timeOutAck = 3000;
         return a;
     }
 
-    // Opens the session with `answer` and `connexions` connections, and takes
-    // what the opening signalled, so that the test sees only what follows.
-    void Open(const SessionAnswer& answer = Patient(), int connexions = 0,
-              int portLoader = 0) {
+    // Opens the session with `connexions` connections and takes what the
+    // opening signalled, so that the test sees only what follows.
+    void Open(int connexions, const SessionAnswer& answer = Patient(), int portLoader = 0) {
         service_.reset(new RestartingService(answer));
-        int dbType = 0;
-        ASSERT_EQ(KVN_NO_ERROR, client_->Init(L"127.0.0.1", service_->Port(), portLoader, L"Paie",
-                                              dbType, 0, nullptr, window_));
+        ASSERT_EQ(KVN_NO_ERROR, client_->Open(service_->Port(), window_.h, L"Paie", portLoader));
         for (int i = 1; i <= connexions; ++i) ASSERT_EQ(i, client_->GetConnexion());
-        ASSERT_EQ(KvnRegisterWindowMessage(KVN_MSG_COMM_OK), Next());
+        ASSERT_EQ(commOk_, Next());
         ASSERT_TRUE(IsSet(client_->GetEventCommOK()));
         IsSet(client_->GetEventCommModified());
     }
 
     // The next message posted to the window, 0 when none came in time.
     UINT Next(DWORD timeoutMs = 1000) {
-        UINT msg = 0;
         WPARAM wParam = 0;
         LPARAM lParam = 0;
-        if (!KvnWaitNotifyMessage(window_, timeoutMs, &msg, &wParam, &lParam)) return 0;
+        const UINT msg = window_.Next(timeoutMs, &wParam, &lParam);
         EXPECT_EQ(0u, wParam);
         EXPECT_EQ(0, lParam);
         return msg;
@@ -92,29 +58,28 @@ protected:
     // service records one when it has read the client's acknowledgement,
     // which may be a moment after the client went on).
     std::vector<Registration> Registrations(int fonction, size_t n) {
-        for (int i = 0; i < 200 && service_->Registrations(fonction).size() < n; ++i) KvnSleep(10);
+        probe::WaitUntil([&] { return service_->Registrations(fonction).size() >= n; }, 2000);
         return service_->Registrations(fonction);
     }
     // m_bAllConnected follows m_hEvtCommOK closely, not strictly.
     bool AllConnected() {
-        for (int i = 0; i < 100 && !client_->AllConnected(); ++i) KvnSleep(10);
-        return client_->AllConnected() != FALSE;
+        return probe::WaitUntil([&] { return client_->AllConnected(); }, 1000);
     }
-
     int Execute(int hCnx) {
         int resultat = -1;
         return client_->Execute(hCnx, L"UPDATE T SET A = 1", resultat);
     }
 
+    probe::WinSock winsock_;
+    probe::Window window_;
     const UINT perteComm_ = KvnRegisterWindowMessage(KVN_MSG_PERTE_COMM);
     const UINT commOk_ = KvnRegisterWindowMessage(KVN_MSG_COMM_OK);
     std::unique_ptr<RestartingService> service_;
-    std::unique_ptr<Client> client_{new Client};
-    HWND window_ = nullptr;
+    std::unique_ptr<probe::Client> client_{new probe::Client};
 };
 
 TEST_F(Supervision, AServiceThatRestartsIsFoundAgainAndTheConnectionsFollowOneAtATime) {
-    Open(Patient(), 3);
+    Open(3);
     for (int h = 1; h <= 3; ++h) EXPECT_EQ(KVN_NO_ERROR, Execute(h));
 
     const Clock::time_point restart = Clock::now();
@@ -122,13 +87,10 @@ TEST_F(Supervision, AServiceThatRestartsIsFoundAgainAndTheConnectionsFollowOneAt
     ASSERT_EQ(perteComm_, Next(3000));
     EXPECT_TRUE(IsSet(client_->GetEventPerteComm(), 1000));
     EXPECT_FALSE(client_->IsAppliConnected());
-    // Until every link is back, requests are refused at once.
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, Execute(2));
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, Execute(2)) << "refused at once until every link is back";
 
-    // A loss seen on the main socket: the first attempt comes within about
-    // a second.
     ASSERT_EQ(commOk_, Next(5000));
-    EXPECT_LT(MsSince(restart), 2900) << "sooner than after a loss seen elsewhere";
+    EXPECT_LT(MsSince(restart), 2900) << "a loss seen on the main socket: retried within a second";
     EXPECT_TRUE(client_->IsAppliConnected());
     ASSERT_TRUE(IsSet(client_->GetEventCommOK(), 5000));
     EXPECT_TRUE(AllConnected());
@@ -156,12 +118,11 @@ TEST_F(Supervision, AServiceThatRestartsIsFoundAgainAndTheConnectionsFollowOneAt
     }
     std::sort(handles.begin(), handles.end());
     EXPECT_EQ((std::vector<int>{1, 2, 3}), handles) << "each keeps its handle";
-
     for (int h = 1; h <= 3; ++h) EXPECT_EQ(KVN_NO_ERROR, Execute(h));
 }
 
 TEST_F(Supervision, FiveRefusedReRegistrationsAreFollowedByAFullRegistration) {
-    Open(Patient(), 1);
+    Open(1);
     service_->RefuseReInit(5);
     service_->SetIdForNextInit(42);
     service_->Restart();
@@ -189,19 +150,26 @@ TEST_F(Supervision, FiveRefusedReRegistrationsAreFollowedByAFullRegistration) {
     EXPECT_EQ(KVN_NO_ERROR, Execute(1));
 }
 
-TEST_F(Supervision, TheLoaderIsWokenAtTheTenthFailedConnect) {
-    // Declared before the loader, so that they outlive its scripts.
-    std::mutex lock;
-    std::vector<peer::Bytes> received;
-    std::vector<Clock::time_point> times;
+TEST_F(Supervision, TheLoaderIsWokenAtTheTenthFailedConnectAndFreeWhileTheLinkIsDownEndsAtOnce) {
+    // Shared with the loader's scripts, which may outlive a failed test.
+    struct Woken {
+        std::mutex lock;
+        std::vector<peer::Bytes> received;
+        Clock::time_point first;
+        size_t Count() {
+            std::lock_guard<std::mutex> guard(lock);
+            return received.size();
+        }
+    };
+    auto woken = std::make_shared<Woken>();
     peer::ScriptedPeer loader;
-    loader.OnEveryAccept([&](peer::Connection& c) {
+    loader.OnEveryAccept([woken](peer::Connection& c) {
         peer::Bytes bytes = c.ReadRaw(2);
-        std::lock_guard<std::mutex> guard(lock);
-        received.push_back(bytes);
-        times.push_back(Clock::now());
+        std::lock_guard<std::mutex> guard(woken->lock);
+        if (woken->received.empty()) woken->first = Clock::now();
+        woken->received.push_back(bytes);
     });
-    Open(Patient(), 0, loader.Port());
+    Open(2, Patient(), loader.Port());
 
     // The service goes away for good: its port refuses every connect.
     service_->Stop();
@@ -212,43 +180,33 @@ TEST_F(Supervision, TheLoaderIsWokenAtTheTenthFailedConnect) {
     // (each a pause of 0.5 to 1 s, the refused connect and a second of rest)
     // before the tenth. A refused connect is immediate here; Windows takes
     // a few seconds to give up on a closed port.
-    auto count = [&] {
-        std::lock_guard<std::mutex> guard(lock);
-        return received.size();
-    };
-    for (int i = 0; i < 450 && count() == 0; ++i) KvnSleep(100);
+    probe::WaitUntil([&] { return woken->Count() > 0; }, 45000);
     EXPECT_EQ(1, loader.Accepted());
-    std::lock_guard<std::mutex> guard(lock);
-    ASSERT_EQ(1u, received.size());
-    EXPECT_EQ((peer::Bytes{'G', 'O'}), received[0]);
-    const long long after = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                times[0] - gone).count();
-    EXPECT_GE(after, 6000);
-    EXPECT_LE(after, 40000);
+    {
+        std::lock_guard<std::mutex> guard(woken->lock);
+        ASSERT_EQ(1u, woken->received.size());
+        EXPECT_EQ((peer::Bytes{'G', 'O'}), woken->received[0]);
+        const auto after =
+            std::chrono::duration_cast<std::chrono::milliseconds>(woken->first - gone).count();
+        EXPECT_GE(after, 6000);
+        EXPECT_LE(after, 40000);
+    }
     EXPECT_EQ(0u, Next(50)) << "no \"comm OK\" without a service";
-}
-
-TEST_F(Supervision, FreeWhileTheLinkIsDownEndsAtOnce) {
-    Open(Patient(), 2);
-    service_->Stop();
-    ASSERT_TRUE(IsSet(client_->GetEventPerteComm(), 3000));
-    KvnSleep(300);  // the main socket thread is between its attempts
 
     const Clock::time_point start = Clock::now();
     client_->Free();
     EXPECT_LT(MsSince(start), 1500);
     EXPECT_FALSE(client_->IsAppliConnected());
-    EXPECT_EQ(perteComm_, Next(100));
 }
 
 TEST_F(Supervision, AHeartbeatOnTheMainLinkIsASignOfLifeButNotAnHbEvent) {
-    Open();
+    Open(0);
     const DWORD old = KvnGetTickCount() - 100000;
     client_->SetLastHeartBeat(old);
     service_->HeartBeatOnMainLink();
-    for (int i = 0; i < 100 && service_->HeartBeatsAcknowledged() == 0; ++i) KvnSleep(20);
+    probe::WaitUntil([&] { return service_->HeartBeatsAcknowledged() > 0; }, 2000);
     ASSERT_EQ(1, service_->HeartBeatsAcknowledged());
-    for (int i = 0; i < 100 && client_->LastHeartBeat() == old; ++i) KvnSleep(10);
+    probe::WaitUntil([&] { return client_->LastHeartBeat() != old; }, 1000);
     EXPECT_LT(KvnGetTickCount() - client_->LastHeartBeat(), 5000u);
     EXPECT_FALSE(IsSet(client_->GetEventHB()));
     EXPECT_TRUE(client_->IsAppliConnected());
@@ -262,7 +220,7 @@ TEST_F(Supervision, HeartbeatsThatStopLeadToALossAndTheSessionComesBack) {
     answer.nbPeriodeHB = 10;
     HeartBeatSender sender(static_cast<unsigned short>(answer.portHB));
     sender.Start(100);
-    Open(answer, 1);
+    Open(1, answer);
     ASSERT_TRUE(IsSet(client_->GetEventHB(), 3000));
 
     sender.Stop();

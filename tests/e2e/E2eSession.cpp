@@ -1,33 +1,19 @@
 // Starting korvaned and a client session on it for the end-to-end tests.
 #include "E2eSession.h"
 
+#include <cstring>
+#include <cwchar>
+
 #include <korvane/SockInit.h>
 
-#include "platform/Sockets.h"
+#include "platform/Uuid.h"
 
 namespace e2e {
 
-unsigned short FreeUdpPort() {
-    SOCKET s = KvnUdpSocket();
-    if (s == INVALID_SOCKET) return 0;
-    unsigned short port = 0;
-    if (KvnBind(s, KvnLoopbackAddress(), 0) == 0) port = KvnGetLocalPort(s);
-    KvnCloseSocket(s);
-    return port;
-}
-
-unsigned short FreeTcpPort() {
-    SOCKET s = KvnTcpListen(KvnLoopbackAddress(), 0, 1);
-    if (s == INVALID_SOCKET) return 0;
-    const unsigned short port = KvnGetLocalPort(s);
-    KvnCloseSocket(s);
-    return port;
-}
-
 std::vector<std::string> ServiceArguments(int blockRows, const std::vector<std::string>& more) {
-    // The client hears the heartbeat from the start. A service that goes
-    // away is noticed by its links closing; the heartbeat's tolerance (20
-    // periods of 250 ms) is only patience with a busy machine.
+    // A service that goes away is noticed by its links closing; the
+    // heartbeat's tolerance (20 periods of 250 ms) is only patience with a
+    // busy machine.
     std::vector<std::string> args = {"--block-rows", std::to_string(blockRows), "--hb-mode", "unicast",
                                      "--hb-address", "127.0.0.1", "--hb-port", std::to_string(FreeUdpPort()),
                                      "--hb-period", "250", "--hb-count", "20"};
@@ -61,8 +47,7 @@ void E2eTest::Start(const std::vector<std::string>& arguments) {
 
 int E2eTest::MustExecute(const wchar_t* sql) {
     int resultat = -12345;
-    const int r = client.Execute(hCnx, sql, resultat);
-    EXPECT_EQ(KVN_NO_ERROR, r) << Narrow(sql) << ": " << ErrorText();
+    EXPECT_EQ(KVN_NO_ERROR, client.Execute(hCnx, sql, resultat)) << Narrow(sql) << ": " << ErrorText();
     return resultat;
 }
 
@@ -71,6 +56,66 @@ std::string E2eTest::ErrorText(int cnx) {
     const int r = client.GetLastErrorConnexion(cnx != 0 ? cnx : hCnx, text);
     if (r != KVN_NO_ERROR) return "(GetLastErrorConnexion: " + std::to_string(r) + ")";
     return Narrow(text.GetString());
+}
+
+std::vector<long> E2eTest::SelectIds(const wchar_t* sql, int* fetchEnd, int cnx) {
+    if (cnx == 0) cnx = hCnx;
+    std::vector<long> ids;
+    int resultat = -1;
+    const int r = client.ExecuteSelect(cnx, sql, resultat);
+    EXPECT_EQ(KVN_NO_ERROR, r) << ErrorText(cnx);
+    int f = r;
+    while (r == KVN_NO_ERROR && (f = client.Fetch(cnx)) == KVN_NO_ERROR && ids.size() < 100000) {
+        long id = -1;
+        EXPECT_EQ(KVN_NO_ERROR, client.GetData(cnx, 1, id));
+        ids.push_back(id);
+    }
+    if (fetchEnd != nullptr) *fetchEnd = f;
+    return ids;
+}
+
+void E2eTest::SelectOne(const wchar_t* sql) {
+    int resultat = -1;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, sql, resultat)) << ErrorText();
+    ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
+}
+
+std::wstring E2eTest::Read(int col, char kind) {
+    long l = 5;
+    short s = 5;
+    __int64 b = 5;
+    double d = 5;
+    GUID g;
+    SYSTEMTIME t;
+    std::memset(&g, 0xAB, sizeof g);
+    std::memset(&t, 0xAB, sizeof t);
+    DStr x(L"before");
+    CString c(L"before");
+    wchar_t w[256] = L"before";
+    wchar_t text[64] = L"?";
+    int rc = -12345;
+    switch (kind) {
+    case 'l': rc = client.GetData(hCnx, col, l), std::swprintf(text, 64, L"%ld", l); break;
+    case 's': rc = client.GetData(hCnx, col, s), std::swprintf(text, 64, L"%d", s); break;
+    case 'b': rc = client.GetData(hCnx, col, b), std::swprintf(text, 64, L"%lld", static_cast<long long>(b)); break;
+    case 'd': rc = client.GetData(hCnx, col, d), std::swprintf(text, 64, L"%.10g", d); break;
+    case 'g': rc = client.GetData(hCnx, col, g), KvnUuidToString(&g, text); break;
+    case 't':
+        rc = client.GetData(hCnx, col, t);
+        std::swprintf(text, 64, L"%04d-%02d-%02d %02d:%02d:%02d.%03d", t.wYear, t.wMonth, t.wDay, t.wHour,
+                      t.wMinute, t.wSecond, t.wMilliseconds);
+        break;
+    case 'x': rc = client.GetData(hCnx, col, x); break;
+    case 'c': rc = client.GetData(hCnx, col, c); break;
+    case 'w': rc = client.GetData(hCnx, col, w); break;
+    }
+    const std::wstring value = kind == 'x' ? x.GetString() : kind == 'c' ? c.GetString() : kind == 'w' ? w : text;
+    if (rc == KVN_NO_ERROR) return value;
+    return rc == KVN_NULL_DATA ? L"NULL " + value : L"rc " + std::to_wstring(rc);
+}
+
+void E2eTest::ExpectReads(std::initializer_list<Reading> readings) {
+    for (const Reading& r : readings) EXPECT_EQ(r.expected, Read(r.col, r.kind)) << "column " << r.col << " as " << r.kind;
 }
 
 }  // namespace e2e

@@ -18,14 +18,9 @@
 
 namespace e2e {
 
-// A UDP port that was free a moment ago (0 when none could be had).
-unsigned short FreeUdpPort();
-// A TCP port on loopback that was free a moment ago (0 when none could be had).
-unsigned short FreeTcpPort();
-
 // The service's arguments for a test: its heartbeat goes to 127.0.0.1 on a
-// port of its own, often enough for a short tolerance, and a select's
-// blocks hold blockRows rows. `more` comes last and may override any of them.
+// port of its own, and a select's blocks hold blockRows rows. `more` comes
+// last and may override any of them.
 std::vector<std::string> ServiceArguments(int blockRows, const std::vector<std::string>& more = {});
 
 // A copy of a field of a packed value: the checks take their arguments by
@@ -38,17 +33,11 @@ T Copy(T value) {
 // Printable text of a wide string, for failure messages (non-ASCII as '?').
 std::string Narrow(const wchar_t* text);
 
-// The client, able to say whether its main link is watched by the thread that
-// notices a loss and opens the link again.
 class E2eClient : public CKorvaneClient {
 public:
+    // Whether the main link is watched by the thread that notices a loss.
     bool MainLinkSupervised() const { return m_hThreadSockPrincipale != nullptr; }
-    // The links the session counts as up, and the links it has (the main
-    // link and each connection): requests are accepted again once they match.
-    int LinksCounted() const { return m_nNbConnected; }
-    int Links() { return m_listConnexion.GetSize() + 1; }
-    // Waits up to timeoutMs for an answer stored on the connection that no
-    // request waits for (the answer to the test request).
+    // Waits for an answer stored on the connection that no request waits for.
     bool WaitForAnswer(int hCnx, DWORD timeoutMs) {
         CConnexionKorvane* cnx = m_GetConnexionByIdList(hCnx);
         return cnx != nullptr && KvnWaitForSingleObject(cnx->hEvtResultArrived, timeoutMs) == WAIT_OBJECT_0;
@@ -68,6 +57,24 @@ protected:
     int MustExecute(const wchar_t* sql);
     // The service's text of the connection's last database error.
     std::string ErrorText(int cnx = 0);
+    // Runs a select, fetching until the end: the integer first column of every
+    // row; *fetchEnd gets the last Fetch's result.
+    std::vector<long> SelectIds(const wchar_t* sql, int* fetchEnd = nullptr, int cnx = 0);
+    // Makes the first row of `sql` current.
+    void SelectOne(const wchar_t* sql);
+
+    // Column col of the current row read with the GetData overload `kind`
+    // (l long, s short, b __int64, d double, g GUID, t SYSTEMTIME, x DStr,
+    // c CString, w wchar_t buffer), as text: the value; "NULL value" for
+    // KVN_NULL_DATA; "rc code" for a failure. Numbers start as 5, GUID and
+    // SYSTEMTIME as bytes 0xAB, texts as "before": what a read leaves shows.
+    std::wstring Read(int col, char kind);
+    struct Reading {
+        int col;
+        char kind;
+        std::wstring expected;
+    };
+    void ExpectReads(std::initializer_list<Reading> readings);
 
     std::unique_ptr<RunningService> service;
     E2eClient client;

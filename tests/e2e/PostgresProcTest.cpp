@@ -1,88 +1,25 @@
-// Stored procedures through the library against korvaned on PostgreSQL: IN,
+// The library against korvaned on PostgreSQL: stored procedures whose IN,
 // IN/OUT and OUT values of each type come back into the application's
-// variables. PostgreSQL is started by start-postgres.sh in a temporary
-// directory on a loopback port; the tests skip where it or its ODBC driver is
-// not installed.
+// variables, and selects and schema questions on another database than
+// SQLite. The tests skip where PostgreSQL or its ODBC driver is not installed.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cwchar>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "E2eSession.h"
-#include "platform/Process.h"
 
-using e2e::Narrow;
+using e2e::Copy;
 
 namespace {
 
-std::string FindPostgresDriver() {
-    for (const char* place : {"/usr/lib/x86_64-linux-gnu/odbc/psqlodbcw.so", "/usr/lib/aarch64-linux-gnu/odbc/psqlodbcw.so",
-                              "/usr/lib/x86_64-linux-gnu/odbc/psqlodbca.so", "/usr/lib/aarch64-linux-gnu/odbc/psqlodbca.so",
-                              "/usr/lib/odbc/psqlodbca.so", "/usr/lib64/psqlodbca.so"}) {
-        if (std::ifstream(place).good()) return place;
-    }
-    return std::string();
-}
-
-// Runs start-postgres.sh with its arguments: its exit code, or -1.
-int RunScript(const std::vector<std::string>& arguments, DWORD timeoutMs) {
-    const std::string script = std::string(KVN_SERVICE_TEST_DIR) + "/start-postgres.sh";
-    std::vector<std::string> args = {"/bin/bash", script};
-    args.insert(args.end(), arguments.begin(), arguments.end());
-    std::vector<const char*> argv;
-    for (const std::string& a : args) argv.push_back(a.c_str());
-    argv.push_back(nullptr);
-    KvnProcess p = KvnStartProcess("/bin/bash", argv.data(), nullptr);
-    if (p == 0) return -1;
-    int code = -1;
-    if (KvnWaitProcess(p, timeoutMs, &code) != 1) {
-        KvnTerminateProcess(p);
-        KvnWaitProcess(p, INFINITE, &code);
-        return -1;
-    }
-    return code;
-}
-
-// One server for the test program: starting one takes seconds.
-struct Postgres {
-    TempDir dir;
-    std::string skipReason;
-    std::string connection;
-    bool started = false;
-
-    Postgres() {
-        const std::string driver = FindPostgresDriver();
-        if (driver.empty()) {
-            skipReason = "the PostgreSQL ODBC driver is not installed (odbc-postgresql)";
-            return;
-        }
-        const unsigned short port = e2e::FreeTcpPort();
-        const int code = RunScript({dir.File("pg"), std::to_string(port)}, 120000);
-        if (code == 77) {
-            skipReason = "PostgreSQL is not installed (postgresql)";
-            return;
-        }
-        if (code != 0) {
-            skipReason = "start-postgres.sh could not start PostgreSQL (exit code " + std::to_string(code) + ")";
-            return;
-        }
-        started = true;
-        connection = "DRIVER=" + driver + ";Servername=127.0.0.1;Port=" + std::to_string(port) +
-                     ";Database=korvane;Username=postgres;Password=;";
-    }
-    ~Postgres() {
-        if (started) RunScript({"--stop", dir.File("pg")}, 60000);
-    }
-};
-
-Postgres* g_postgres = nullptr;
+PostgresServer* g_postgres = nullptr;
 
 class E2ePostgres : public e2e::E2eTest {
 protected:
-    static void SetUpTestSuite() { g_postgres = new Postgres; }
+    static void SetUpTestSuite() { g_postgres = new PostgresServer; }
     static void TearDownTestSuite() {
         delete g_postgres;
         g_postgres = nullptr;
@@ -143,12 +80,9 @@ TEST_F(E2ePostgres, StoredProceduresReturnTheirOutAndInOutValues) {
     ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 7, KVN_PARAM_OUT, SQL_C_DOUBLE, &half, 0));
     ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, L"kvn_kinds", 0)) << ErrorText();
     EXPECT_EQ(5000000007LL, total);
-    EXPECT_EQ(2024, e2e::Copy(later.year));
-    EXPECT_EQ(2, e2e::Copy(later.month));
-    EXPECT_EQ(29, e2e::Copy(later.day)) << "2024 is a leap year";
-    EXPECT_EQ(23, e2e::Copy(later.hour));
-    EXPECT_EQ(59, e2e::Copy(later.minute));
-    EXPECT_EQ(59, e2e::Copy(later.second));
+    EXPECT_EQ((std::vector<int>{2024, 2, 29, 23, 59, 59}),  // 2024 is a leap year
+              (std::vector<int>{Copy(later.year), Copy(later.month), Copy(later.day), Copy(later.hour),
+                                Copy(later.minute), Copy(later.second)}));
     EXPECT_STREQ(L"hello caf\u00e9", greeting);
     EXPECT_DOUBLE_EQ(2500000000.0, half);
 }
@@ -161,12 +95,8 @@ TEST_F(E2ePostgres, ProcedureCallsWithoutValuesAndRefusedCalls) {
     ASSERT_EQ(KVN_NO_ERROR, client.ClearStoredProcParams(hCnx));
     ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, L"kvn_touch", 0)) << ErrorText();
     ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, L"kvn_touch", 0)) << ErrorText();
-    int resultat = -1;
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"SELECT COUNT(*) FROM kvn_calls", resultat));
-    ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
-    __int64 count = 0;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, count));
-    EXPECT_EQ(2, count);
+    SelectOne(L"SELECT COUNT(*) FROM kvn_calls");
+    EXPECT_EQ(L"2", Read(1, 'b'));
 
     // A procedure the database does not know: its own text explains.
     std::int32_t out = 42;
@@ -176,7 +106,26 @@ TEST_F(E2ePostgres, ProcedureCallsWithoutValuesAndRefusedCalls) {
     EXPECT_NE(std::string::npos, ErrorText().find("kvn_missing")) << ErrorText();
     DStr empty;
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecStoredProc(hCnx, empty, 0));
+    EXPECT_EQ(1, MustExecute(L"INSERT INTO kvn_calls DEFAULT VALUES")) << "the connection goes on working";
+}
 
-    // The connection goes on working.
-    EXPECT_EQ(1, MustExecute(L"INSERT INTO kvn_calls DEFAULT VALUES"));
+TEST_F(E2ePostgres, SelectsOfManyBlocksAndSchemaQuestionsWorkOnPostgres) {
+    MustExecute(L"CREATE TABLE IF NOT EXISTS kvn_items (id integer, name varchar(20), price double precision)");
+    MustExecute(L"DELETE FROM kvn_items");
+    EXPECT_EQ(9, MustExecute(L"INSERT INTO kvn_items SELECT g, 'n' || g, g * 0.5 FROM generate_series(1, 9) g"));
+    EXPECT_EQ((std::vector<long>{1, 2, 3, 4, 5, 6, 7, 8, 9}), SelectIds(L"SELECT id FROM kvn_items ORDER BY id"));
+    SelectOne(L"SELECT id, name, price FROM kvn_items WHERE id = 3");
+    ExpectReads({{1, 'l', L"3"}, {2, 'x', L"n3"}, {3, 'd', L"1.5"}});
+
+    int nb = -1;
+    DStr names, types;
+    ASSERT_EQ(KVN_NO_ERROR, client.GetColumns(hCnx, L"kvn_items", nb, names, types));
+    EXPECT_EQ(3, nb);
+    EXPECT_STREQ(L"id;name;price", names.GetString());
+    int existe = -1;
+    EXPECT_EQ(KVN_NO_ERROR, client.IsColumnExist(hCnx, L"kvn_items", L"price", existe));
+    EXPECT_EQ(1, existe);
+    int resultat = -1;
+    EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteSelect(hCnx, L"SELECT * FROM kvn_missing", resultat));
+    EXPECT_NE(std::string::npos, ErrorText().find("kvn_missing")) << ErrorText();
 }

@@ -5,14 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <cwchar>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "E2eSession.h"
-#include "platform/Uuid.h"
 
 using e2e::Copy;
 using e2e::Narrow;
@@ -21,6 +19,8 @@ namespace {
 
 // Small blocks, so that a few dozen rows already take several exchanges.
 constexpr int kBlockRows = 7;
+// What Read gives where no row is current or the column does not exist.
+const std::wstring kNoData = L"rc " + std::to_wstring(KVN_NO_DATA);
 
 class E2eSqlite : public e2e::E2eTest {
 protected:
@@ -37,37 +37,11 @@ protected:
             L"WHERE i < " + std::to_wstring(n) + L") SELECT i, 'row' || i FROM n";
         EXPECT_EQ(n, MustExecute(sql.c_str()));
     }
-
-    // Runs a select whose first column is an integer and returns that column
-    // of every row, fetching until the end.
-    std::vector<long> SelectIds(const wchar_t* sql, int* fetchEnd = nullptr) {
-        std::vector<long> ids;
-        int resultat = -1;
-        DStr text(sql);
-    const int r = client.ExecuteSelect(hCnx, text, resultat);
-        EXPECT_EQ(KVN_NO_ERROR, r) << ErrorText();
-        if (r != KVN_NO_ERROR) return ids;
-        int f = 0;
-        while ((f = client.Fetch(hCnx)) == KVN_NO_ERROR && ids.size() < 100000) {
-            long id = -1;
-            EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, id));
-            ids.push_back(id);
-        }
-        if (fetchEnd != nullptr) *fetchEnd = f;
-        return ids;
-    }
-
-    // Makes the first row of `sql` current.
-    void SelectOne(const wchar_t* sql) {
-        int resultat = -1;
-        ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, sql, resultat)) << ErrorText();
-        ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
-    }
 };
 
 }  // namespace
 
-TEST_F(E2eSqlite, SessionAndConnexions) {
+TEST_F(E2eSqlite, SessionConnexionsAndASecondSessionAfterFree) {
     EXPECT_EQ(3, dbType) << "the database type the service announces";
     EXPECT_EQ(3, client.GetDBType());
     EXPECT_TRUE(client.IsAppliConnected());
@@ -77,20 +51,13 @@ TEST_F(E2eSqlite, SessionAndConnexions) {
     ASSERT_GT(second, 0);
     EXPECT_NE(hCnx, second);
     EXPECT_TRUE(client.IsConnexionConnected(second));
-    // Both connections reach the same database file.
+    EXPECT_EQ((std::vector<long>{3}), SelectIds(L"SELECT COUNT(*) FROM rows", nullptr, second)) << "same file";
     int resultat = -1;
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(second, L"SELECT COUNT(*) FROM rows", resultat));
-    ASSERT_EQ(KVN_NO_ERROR, client.Fetch(second));
-    long count = 0;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(second, 1, count));
-    EXPECT_EQ(3, count);
-
     EXPECT_EQ(KVN_NO_ERROR, client.FreeConnexion(second));
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Execute(second, L"DELETE FROM rows", resultat));
     EXPECT_EQ(KVN_ERROR_UNKNOWN, client.FreeConnexion(second));
 
-    // A new session on the same service after Free: the handles start anew,
-    // the data are still there.
+    // A new session on the same service after Free: the data are still there.
     client.Free();
     EXPECT_FALSE(client.IsAppliConnected());
     ASSERT_EQ(KVN_NO_ERROR, client.Init(L"127.0.0.1", service->Port(), 0, L"e2e again", dbType, 0, nullptr,
@@ -98,30 +65,26 @@ TEST_F(E2eSqlite, SessionAndConnexions) {
     hCnx = client.GetConnexion();
     ASSERT_GT(hCnx, 0);
     EXPECT_EQ((std::vector<long>{1, 2, 3}), SelectIds(L"SELECT id FROM rows ORDER BY id"));
-}
 
-TEST_F(E2eSqlite, InitFailsWhereNoServiceListens) {
+    // Where no service listens, Init fails and gives no connection.
     CKorvaneClient other;
     int type = -1;
-    const unsigned short port = e2e::FreeTcpPort();
+    const unsigned short port = FreeTcpPort();
     ASSERT_NE(0, port);
     EXPECT_EQ(KVN_ERROR_UNKNOWN, other.Init(L"127.0.0.1", port, 0, L"nobody", type, 0, nullptr, nullptr));
     EXPECT_FALSE(other.IsAppliConnected());
     EXPECT_LT(other.GetConnexion(), 0);
 }
 
-TEST_F(E2eSqlite, ExecuteGivesTheRowsAffected) {
+TEST_F(E2eSqlite, ExecuteGivesTheRowsAffectedAndRequeteItsStatus) {
     MakeRows(10);
     EXPECT_EQ(4, MustExecute(L"UPDATE rows SET name = 'low' WHERE id <= 4"));
     EXPECT_EQ(0, MustExecute(L"DELETE FROM rows WHERE id > 100"));
     EXPECT_EQ(2, MustExecute(L"DELETE FROM rows WHERE id IN (9, 10)"));
-
-    // A direct request answers its status only.
     EXPECT_EQ(KVN_NO_ERROR, client.ExecuteRequete(hCnx, L"INSERT INTO rows VALUES (11, 'direct')"));
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecuteRequete(hCnx, L""));
     EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteRequete(hCnx, L"INSERT INTO rows VALUES (11, 'twice')"));
     EXPECT_EQ((std::vector<long>{1, 2, 3, 4, 5, 6, 7, 8, 11}), SelectIds(L"SELECT id FROM rows ORDER BY id"));
-
     int resultat = -1;
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.Execute(hCnx, L"", resultat));
     EXPECT_EQ(0, resultat);
@@ -135,26 +98,20 @@ TEST_F(E2eSqlite, SelectDeliversEveryRowAcrossManyBlocks) {
     int expected = 1;
     int f = 0;
     while ((f = client.Fetch(hCnx)) == KVN_NO_ERROR && expected <= 60) {
-        long id = -1;
-        DStr name;
-        ASSERT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, id));
-        ASSERT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 2, name));
-        ASSERT_EQ(expected, id);
-        ASSERT_EQ("row" + std::to_string(expected), Narrow(name.GetString()));
+        ASSERT_EQ(std::to_wstring(expected), Read(1, 'l'));
+        ASSERT_EQ(L"row" + std::to_wstring(expected), Read(2, 'x'));
         ++expected;
     }
     EXPECT_EQ(KVN_NO_DATA, f);
     EXPECT_EQ(51, expected) << "every row once, in order";
-    long id = -1;
-    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, id)) << "no row is current after the end";
+    EXPECT_EQ(kNoData, Read(1, 'l')) << "no row is current after the end";
     EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx)) << "asking again finds nothing more";
     EXPECT_EQ(KVN_NO_ERROR, client.LibereStatment(hCnx));
 
     // Leaving a select half read: released, the next select starts afresh.
     ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"SELECT id FROM rows ORDER BY id DESC", resultat));
     for (int i = 0; i < kBlockRows + 3; ++i) ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
-    ASSERT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, id));
-    EXPECT_EQ(50 - kBlockRows - 2, id);
+    EXPECT_EQ(std::to_wstring(50 - kBlockRows - 2), Read(1, 'l'));
     EXPECT_EQ(KVN_NO_ERROR, client.LibereStatment(hCnx));
     EXPECT_EQ((std::vector<long>{50}), SelectIds(L"SELECT COUNT(*) FROM rows"));
 
@@ -164,8 +121,7 @@ TEST_F(E2eSqlite, SelectDeliversEveryRowAcrossManyBlocks) {
     ASSERT_EQ(KVN_NO_ERROR, client.GetLine(hCnx, 2));
     for (long want = 1; want <= 20; ++want) {
         ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx)) << "row " << want;
-        ASSERT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, id));
-        ASSERT_EQ(want, id);
+        ASSERT_EQ(std::to_wstring(want), Read(1, 'l'));
     }
     EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
 
@@ -175,168 +131,65 @@ TEST_F(E2eSqlite, SelectDeliversEveryRowAcrossManyBlocks) {
     EXPECT_EQ(KVN_NO_DATA, end);
 
     // A statement empties the rows of the select before it.
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"SELECT id FROM rows", resultat));
-    ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
+    SelectOne(L"SELECT id FROM rows");
     MustExecute(L"UPDATE rows SET name = 'x' WHERE id = 1");
-    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, id));
+    EXPECT_EQ(kNoData, Read(1, 'l'));
 }
 
-TEST_F(E2eSqlite, GetDataConvertsEveryColumnType) {
+TEST_F(E2eSqlite, GetDataConvertsEveryColumnTypeAndGivesEachReadersNullValue) {
     MustExecute(L"CREATE TABLE typed (i INTEGER, sh INTEGER, big INTEGER, d DOUBLE, dn DOUBLE, "
                 L"g VARCHAR(36), ts TIMESTAMP, t VARCHAR(40), digits VARCHAR(10), sign VARCHAR(10), "
                 L"dec VARCHAR(10), empty VARCHAR(10))");
     MustExecute(L"INSERT INTO typed VALUES (42, -1234, 5000000000, 2.9, -2.9, "
                 L"'6B29FC40-CA47-1067-B31D-00DD010662DA', '2006-03-07 14:05:09', "
-                L"'caf\u00e9 \u20ac', '42', '-42', '3.5', '')");
-    SelectOne(L"SELECT * FROM typed");
-
-    long l = 0;
-    short s = 0;
-    __int64 ll = 0;
-    double d = 0;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, l));
-    EXPECT_EQ(42, l);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 2, s));
-    EXPECT_EQ(-1234, s);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 3, ll));
-    EXPECT_EQ(5000000000LL, ll);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 3, l));
-    EXPECT_EQ(static_cast<long>(static_cast<std::int32_t>(5000000000LL & 0xFFFFFFFF)), l) << "the low 32 bits";
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 4, d));
-    EXPECT_DOUBLE_EQ(2.9, d);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 4, l));
-    EXPECT_EQ(2, l);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 5, l));
-    EXPECT_EQ(-2, l);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 4, ll));
-    EXPECT_EQ(2, ll);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, d));
-    EXPECT_DOUBLE_EQ(42.0, d);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, ll));
-    EXPECT_EQ(42, ll);
-
-    // Texts of digits only are numbers; a sign or a decimal point is not.
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 9, l));
-    EXPECT_EQ(42, l);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 9, d));
-    EXPECT_DOUBLE_EQ(42.0, d);
-    EXPECT_EQ(KVN_ERROR_DATATYPE, client.GetData(hCnx, 10, l));
-    EXPECT_EQ(KVN_ERROR_DATATYPE, client.GetData(hCnx, 11, d));
-    l = 77;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 12, l));
-    EXPECT_EQ(77, l) << "an empty text leaves the number alone";
-    EXPECT_EQ(KVN_ERROR_DATATYPE, client.GetData(hCnx, 7, l)) << "a timestamp is no number";
-
-    // A GUID held as text.
-    GUID g{}, expected{};
-    ASSERT_TRUE(KvnUuidFromString(L"6B29FC40-CA47-1067-B31D-00DD010662DA", &expected));
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 6, g));
-    EXPECT_EQ(0, std::memcmp(&expected, &g, sizeof g));
-    EXPECT_EQ(KVN_ERROR_DATATYPE, client.GetData(hCnx, 1, g));
-    EXPECT_EQ(KVN_ERROR_DATATYPE, client.GetData(hCnx, 8, g));
-
-    // The timestamp column.
-    SYSTEMTIME st{};
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 7, st));
-    EXPECT_EQ(2006, st.wYear);
-    EXPECT_EQ(3, st.wMonth);
-    EXPECT_EQ(7, st.wDay);
-    EXPECT_EQ(14, st.wHour);
-    EXPECT_EQ(5, st.wMinute);
-    EXPECT_EQ(9, st.wSecond);
-    EXPECT_EQ(0, st.wMilliseconds);
-    DStr text;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 7, text));
-    EXPECT_STREQ(L"2006-03-07 14:05:09", text.GetString());
-
-    // Texts, the non-ASCII ones included, in the three string forms.
-    CString cs;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 8, cs));
-    EXPECT_STREQ(L"caf\u00e9 \u20ac", cs.GetString());
-    wchar_t buffer[64];
-    std::wmemset(buffer, L'#', 64);
+                L"'caf\u00e9 \u20ac', '42', '-42', '3.5', ''), "
+                L"(NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL)");
+    SelectOne(L"SELECT * FROM typed ORDER BY i IS NULL");
+    const std::wstring wrongType = L"rc " + std::to_wstring(KVN_ERROR_DATATYPE);
+    ExpectReads({
+        {1, 'l', L"42"}, {2, 's', L"-1234"}, {3, 'b', L"5000000000"}, {3, 'l', L"705032704"},  // the low 32 bits
+        {4, 'd', L"2.9"}, {4, 'l', L"2"}, {5, 'l', L"-2"}, {4, 'b', L"2"}, {1, 'd', L"42"}, {1, 'b', L"42"},
+        // Texts of digits only are numbers; a sign or a decimal point is not;
+        // an empty text leaves the number alone; a timestamp is no number.
+        {9, 'l', L"42"}, {9, 'd', L"42"}, {10, 'l', wrongType}, {11, 'd', wrongType}, {12, 'l', L"5"},
+        {7, 'l', wrongType},
+        // A GUID held as text, the timestamp, texts in the three string forms, numbers as text.
+        {6, 'g', L"6b29fc40-ca47-1067-b31d-00dd010662da"}, {1, 'g', wrongType}, {8, 'g', wrongType},
+        {7, 't', L"2006-03-07 14:05:09.000"}, {7, 'x', L"2006-03-07 14:05:09"},
+        {8, 'x', L"caf\u00e9 \u20ac"}, {8, 'c', L"caf\u00e9 \u20ac"}, {8, 'w', L"caf\u00e9 \u20ac"},
+        {1, 'x', L"42"}, {3, 'c', L"5000000000"}, {4, 'w', L"2.900000"}, {12, 'x', L""},
+        {0, 'l', kNoData}, {-1, 'x', kNoData}, {13, 'd', kNoData},
+    });
+    wchar_t buffer[16];
+    std::wmemset(buffer, L'#', 16);
     EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 8, buffer));
-    EXPECT_STREQ(L"caf\u00e9 \u20ac", buffer);
     EXPECT_EQ(L'#', buffer[7]) << "nothing written past the terminator";
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 8, text));
-    EXPECT_STREQ(L"caf\u00e9 \u20ac", text.GetString());
-    // Numbers as text.
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, text));
-    EXPECT_STREQ(L"42", text.GetString());
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 3, cs));
-    EXPECT_STREQ(L"5000000000", cs.GetString());
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 4, buffer));
-    EXPECT_STREQ(L"2.900000", buffer);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 12, text));
-    EXPECT_STREQ(L"", text.GetString());
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.GetData(hCnx, 8, static_cast<wchar_t*>(nullptr)));
 
     // The values themselves, with the types the service gave them.
+    for (int col : {1, 3, 4, 7, 8}) {
+        CParam p;
+        EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, col, p));
+        const int type = static_cast<signed char>(p.cType);
+        const int expected[] = {0, SQL_C_LONG, 0, SQL_C_SBIGINT, SQL_C_DOUBLE, 0, 0, SQL_C_TIMESTAMP, SQL_C_WCHAR};
+        EXPECT_TRUE(type == expected[col] || (col == 8 && type == SQL_C_CHAR)) << col << ": " << type;
+        EXPECT_FALSE(Copy(p.bNull));
+        EXPECT_TRUE(col != 3 || Copy(p.valNum.llVal) == 5000000000LL);
+        EXPECT_TRUE(col != 7 || Copy(p.dateValeur.year) == 2006);
+        EXPECT_TRUE(col != 8 || std::wstring(Copy(p.pszValeur) ? Copy(p.pszValeur) : L"") == L"caf\u00e9 \u20ac");
+    }
+
+    // A row of NULLs: each reader gives its NULL value.
+    ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
+    ExpectReads({{1, 'l', L"NULL 101"}, {1, 's', L"NULL 5"} /* the short is left alone */, {1, 'b', L"NULL 101"},
+                 {4, 'd', L"NULL 101"}, {6, 'g', L"NULL 00000000-0000-0000-0000-000000000000"},
+                 {7, 't', L"NULL 0000-00-00 00:00:00.000"}, {8, 'x', L"NULL "}, {7, 'c', L"NULL "},
+                 {1, 'w', L"NULL "}});
     CParam p;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, p));
-    EXPECT_EQ(SQL_C_LONG, Copy(p.cType));
-    EXPECT_EQ(42, Copy(p.valNum.lVal));
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 3, p));
-    EXPECT_EQ(SQL_C_SBIGINT, Copy(p.cType));
-    EXPECT_EQ(5000000000LL, Copy(p.valNum.llVal));
     EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 4, p));
-    EXPECT_EQ(SQL_C_DOUBLE, Copy(p.cType));
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 7, p));
-    EXPECT_EQ(SQL_C_TIMESTAMP, Copy(p.cType));
-    EXPECT_EQ(2006, Copy(p.dateValeur.year));
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 8, p));
-    EXPECT_TRUE(p.cType == SQL_C_WCHAR || p.cType == SQL_C_CHAR) << int(p.cType);
-    ASSERT_NE(nullptr, Copy(p.pszValeur));
-    EXPECT_STREQ(L"caf\u00e9 \u20ac", Copy(p.pszValeur));
-    EXPECT_FALSE(Copy(p.bNull));
-
-    // Columns that do not exist.
-    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 0, l));
-    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, -1, text));
-    EXPECT_EQ(KVN_ERROR_PARAMETER, client.GetData(hCnx, 8, static_cast<wchar_t*>(nullptr)));
-    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 13, d));
-    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
-    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, l));
-}
-
-TEST_F(E2eSqlite, NullColumnsGiveTheNullValueOfEachOverload) {
-    MustExecute(L"CREATE TABLE nulls (i INTEGER, d DOUBLE, t VARCHAR(10), ts TIMESTAMP)");
-    MustExecute(L"INSERT INTO nulls VALUES (NULL, NULL, NULL, NULL)");
-    SelectOne(L"SELECT i, d, t, ts FROM nulls");
-
-    long l = 5;
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 1, l));
-    EXPECT_EQ(101, l);
-    short s = 5;
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 1, s));
-    EXPECT_EQ(5, s) << "the short is left alone";
-    __int64 ll = 5;
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 1, ll));
-    EXPECT_EQ(101, ll);
-    double d = 5;
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 2, d));
-    EXPECT_DOUBLE_EQ(101.0, d);
-    GUID g;
-    std::memset(&g, 0xAB, sizeof g);
-    const GUID nil{};
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 3, g));
-    EXPECT_EQ(0, std::memcmp(&nil, &g, sizeof g));
-    SYSTEMTIME st;
-    std::memset(&st, 0xAB, sizeof st);
-    const SYSTEMTIME zero{};
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 4, st));
-    EXPECT_EQ(0, std::memcmp(&zero, &st, sizeof st));
-    DStr text(L"before");
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 3, text));
-    EXPECT_STREQ(L"", text.GetString());
-    CString cs(L"before");
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 4, cs));
-    EXPECT_STREQ(L"", cs.GetString());
-    wchar_t buffer[8] = L"before";
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 1, buffer));
-    EXPECT_STREQ(L"", buffer);
-    CParam p;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 2, p));
     EXPECT_TRUE(Copy(p.bNull));
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+    EXPECT_EQ(kNoData, Read(1, 'l')) << "no row is current after the end";
 }
 
 TEST_F(E2eSqlite, BoundValuesOfEveryTypeReachTheDatabase) {
@@ -350,46 +203,27 @@ TEST_F(E2eSqlite, BoundValuesOfEveryTypeReachTheDatabase) {
     wchar_t narrow[] = L"plain";
     std::int32_t unused = 1;
     wchar_t longer[] = L"abcdef";
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 1, SQL_C_LONG, &id, 4));
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 2, SQL_C_SBIGINT, &big, 8));
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 3, SQL_C_DOUBLE, &d, 8));
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 4, SQL_C_TIMESTAMP, &ts, sizeof ts));
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 5, SQL_C_WCHAR, wide, std::wcslen(wide)));
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 6, SQL_C_CHAR, narrow, std::wcslen(narrow)));
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 7, SQL_C_LONG, nullptr, 4)) << "a NULL";
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 8, 3, &unused, 4)) << "no such type: a NULL";
-    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 9, SQL_C_WCHAR, longer, 3)) << "read up to 3";
+    struct Bind {
+        int type;
+        void* value;
+        std::size_t size;
+    };
+    // Parameter 7 is a NULL, 8 of no known type (a NULL too), 9 read up to 3 characters.
+    const Bind binds[] = {{SQL_C_LONG, &id, 4},      {SQL_C_SBIGINT, &big, 8},       {SQL_C_DOUBLE, &d, 8},
+                          {SQL_C_TIMESTAMP, &ts, sizeof ts}, {SQL_C_WCHAR, wide, std::wcslen(wide)},
+                          {SQL_C_CHAR, narrow, 5},   {SQL_C_LONG, nullptr, 4},       {3, &unused, 4},
+                          {SQL_C_WCHAR, longer, 3}};
+    for (int i = 0; i < 9; ++i) {
+        ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, i + 1, binds[i].type, binds[i].value, binds[i].size)) << i;
+    }
     int resultat = -1;
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteBind(hCnx, L"INSERT INTO bound VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
-                                               resultat))
+    ASSERT_EQ(KVN_NO_ERROR,
+              client.ExecuteBind(hCnx, L"INSERT INTO bound VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)", resultat))
         << ErrorText();
     EXPECT_EQ(1, resultat);
-
     SelectOne(L"SELECT id, big, d, ts, w, c, n, u, cut FROM bound");
-    long l = 0;
-    __int64 ll = 0;
-    double dd = 0;
-    SYSTEMTIME st{};
-    DStr text;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, l));
-    EXPECT_EQ(7, l);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 2, ll));
-    EXPECT_EQ(-5000000000LL, ll);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 3, dd));
-    EXPECT_DOUBLE_EQ(2.25, dd);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 4, st));
-    EXPECT_EQ(2024, st.wYear);
-    EXPECT_EQ(29, st.wDay);
-    EXPECT_EQ(23, st.wHour);
-    EXPECT_EQ(58, st.wSecond);
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 5, text));
-    EXPECT_STREQ(wide, text.GetString());
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 6, text));
-    EXPECT_STREQ(L"plain", text.GetString());
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 7, text));
-    EXPECT_EQ(KVN_NULL_DATA, client.GetData(hCnx, 8, text));
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 9, text));
-    EXPECT_STREQ(L"abc", text.GetString());
+    ExpectReads({{1, 'l', L"7"}, {2, 'b', L"-5000000000"}, {3, 'd', L"2.25"}, {4, 't', L"2024-02-29 23:59:58.000"},
+                 {5, 'x', wide}, {6, 'x', L"plain"}, {7, 'x', L"NULL "}, {8, 'x', L"NULL "}, {9, 'x', L"abc"}});
 
     // A bound statement that changes rows, and one the database refuses.
     double newD = -0.5;
@@ -401,34 +235,33 @@ TEST_F(E2eSqlite, BoundValuesOfEveryTypeReachTheDatabase) {
     EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteBind(hCnx, L"INSERT INTO bound (id) VALUES (?)", resultat));
     EXPECT_EQ(0, resultat);
     EXPECT_NE(std::string::npos, ErrorText().find("UNIQUE")) << ErrorText();
-
     SelectOne(L"SELECT d FROM bound");
-    EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 1, dd));
-    EXPECT_DOUBLE_EQ(-0.5, dd);
+    EXPECT_EQ(L"-0.5", Read(1, 'd'));
 }
 
 TEST_F(E2eSqlite, SchemaQuestionsUseTheDatabaseCatalog) {
     MustExecute(L"CREATE TABLE items (id INTEGER, name VARCHAR(40), price DOUBLE)");
-    int existe = -1;
-    EXPECT_EQ(KVN_NO_ERROR, client.IsTableExist(hCnx, L"items", existe));
-    EXPECT_EQ(1, existe);
-    EXPECT_EQ(KVN_NO_ERROR, client.IsTableExist(hCnx, L"item_", existe));
-    EXPECT_EQ(0, existe) << "the name matches whole";
-    existe = -1;
-    EXPECT_EQ(KVN_NO_ERROR, client.IsTableExist(hCnx, L"nowhere", existe));
-    EXPECT_EQ(0, existe);
-    EXPECT_EQ(KVN_NO_ERROR, client.IsColumnExist(hCnx, L"items", L"price", existe));
-    EXPECT_EQ(1, existe);
-    EXPECT_EQ(KVN_NO_ERROR, client.IsColumnExist(hCnx, L"items", L"cost", existe));
-    EXPECT_EQ(0, existe);
-
+    struct Question {
+        const wchar_t* table;
+        const wchar_t* column;  // nullptr: IsTableExist
+        int existe;
+    };
+    // "_" is a wildcard of the catalog functions: the name must match whole.
+    for (const Question& q : {Question{L"items", nullptr, 1}, Question{L"item_", nullptr, 0},
+                              Question{L"nowhere", nullptr, 0}, Question{L"items", L"price", 1},
+                              Question{L"items", L"cost", 0}}) {
+        SCOPED_TRACE(Narrow(q.table) + "." + Narrow(q.column));
+        int existe = -1;
+        EXPECT_EQ(KVN_NO_ERROR, q.column ? client.IsColumnExist(hCnx, q.table, q.column, existe)
+                                         : client.IsTableExist(hCnx, q.table, existe));
+        EXPECT_EQ(q.existe, existe);
+    }
     int nb = -1;
     DStr names, types;
     ASSERT_EQ(KVN_NO_ERROR, client.GetColumns(hCnx, L"items", nb, names, types));
     EXPECT_EQ(3, nb);
     EXPECT_STREQ(L"id;name;price", names.GetString());
     EXPECT_EQ(0u, std::wstring(types.GetString()).find(L"INTEGER;VARCHAR")) << Narrow(types.GetString());
-
     nb = -1;
     names = L"kept";
     EXPECT_EQ(KVN_ERROR_TABLE_NOT_FOUND, client.GetColumns(hCnx, L"nowhere", nb, names, types));
@@ -437,10 +270,7 @@ TEST_F(E2eSqlite, SchemaQuestionsUseTheDatabaseCatalog) {
 }
 
 TEST_F(E2eSqlite, FailingStatementLeavesTheDatabaseText) {
-    DStr text(L"before");
-    ASSERT_EQ(KVN_NO_ERROR, client.GetLastErrorConnexion(hCnx, text));
-    EXPECT_STREQ(L"", text.GetString()) << "no error yet";
-
+    EXPECT_EQ("", ErrorText()) << "no error yet";
     int resultat = -1;
     EXPECT_EQ(KVN_ERROR_ODBC, client.Execute(hCnx, L"SELEC 1 FROM nowhere", resultat));
     EXPECT_EQ(0, resultat);
@@ -457,18 +287,14 @@ TEST_F(E2eSqlite, FailingStatementLeavesTheDatabaseText) {
     EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteSelect(hCnx, L"SELECT missing FROM nowhere", resultat));
     EXPECT_EQ(0, resultat);
     EXPECT_NE(std::string::npos, ErrorText().find("nowhere")) << ErrorText();
-    long l = 0;
     EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx)) << "a refused select has no rows";
-    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, l));
-
-    // The connection goes on working.
-    EXPECT_EQ(0, MustExecute(L"CREATE TABLE later (a INTEGER)"));
+    EXPECT_EQ(kNoData, Read(1, 'l'));
+    EXPECT_EQ(0, MustExecute(L"CREATE TABLE later (a INTEGER)")) << "the connection goes on working";
 }
 
 TEST_F(E2eSqlite, SendTestGoesOutAndTheConnectionStaysUsable) {
     EXPECT_EQ(KVN_NO_ERROR, client.SendTest(hCnx));
-    // Its answer is stored like any other; the next request must not take
-    // it for its own.
+    // Its answer is stored like any other; the next request must not take it for its own.
     EXPECT_TRUE(client.WaitForAnswer(hCnx, 10000)) << "the service answers the test request";
     EXPECT_TRUE(service->Running());
     MustExecute(L"CREATE TABLE after_test (a INTEGER)");
@@ -489,24 +315,20 @@ TEST_F(E2eSqlite, ConnexionsOfOneSessionWorkInParallel) {
     std::vector<std::thread> workers;
     for (int w = 0; w < kWorkers; ++w) {
         workers.emplace_back([&, w] {
+            const int h = handles[w];
+            int resultat = 0;
             for (int i = 0; i < kEach; ++i) {
                 const std::wstring sql =
                     L"INSERT INTO parallel VALUES (" + std::to_wstring(w) + L", " + std::to_wstring(i) + L")";
-                int resultat = 0;
-                if (client.Execute(handles[w], sql.c_str(), resultat) != KVN_NO_ERROR || resultat != 1) ++failures;
+                if (client.Execute(h, sql.c_str(), resultat) != KVN_NO_ERROR || resultat != 1) ++failures;
             }
             // Each connection keeps its own select.
-            int resultat = 0;
             const std::wstring sql = L"SELECT n FROM parallel WHERE worker = " + std::to_wstring(w) + L" ORDER BY n";
-            if (client.ExecuteSelect(handles[w], sql.c_str(), resultat) != KVN_NO_ERROR) ++failures;
-            for (int i = 0; i < kEach; ++i) {
-                long n = -1;
-                if (client.Fetch(handles[w]) != KVN_NO_ERROR || client.GetData(handles[w], 1, n) != KVN_NO_ERROR ||
-                    n != i) {
-                    ++failures;
-                }
+            if (client.ExecuteSelect(h, sql.c_str(), resultat) != KVN_NO_ERROR) ++failures;
+            for (long i = 0, n = -1; i < kEach; ++i) {
+                if (client.Fetch(h) != KVN_NO_ERROR || client.GetData(h, 1, n) != KVN_NO_ERROR || n != i) ++failures;
             }
-            if (client.Fetch(handles[w]) != KVN_NO_DATA) ++failures;
+            if (client.Fetch(h) != KVN_NO_DATA) ++failures;
         });
     }
     for (std::thread& t : workers) t.join();

@@ -1,6 +1,7 @@
-// korvaned's database requests on a SQLite file: statements, selects in
-// blocks, bound values, schema questions and the diagnostic text, read from
-// the answers as the library's receivers read them.
+// korvaned's answers to database requests on a SQLite file, read value by
+// value: the status and code of a refusal, the blocks of a select with their
+// more-rows flag, and a row too large for one message. What the library makes
+// of these answers is proven by the end-to-end tests.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -10,8 +11,6 @@
 #include "ServiceLinks.h"
 
 namespace {
-
-constexpr int kStatusOk = 0;
 
 class ServiceDatabase : public ::testing::Test {
 protected:
@@ -24,24 +23,29 @@ protected:
         ASSERT_EQ(0, cnx_->result);
     }
 
-    // Runs a statement that must succeed; the rows it affected.
-    int MustExecute(const wchar_t* sql) {
-        if (!cnx_->Execute(sql)) return -1;
-        EXPECT_EQ(kStatusOk, LongAt(cnx_->answer, 0)) << "statement refused";
-        return LongAt(cnx_->answer, 1);
+    // Checks the answer's function and values: status, then `values` longs.
+    void ExpectAnswer(int fonction, std::initializer_list<int> values) {
+        CMsgSocket& m = cnx_->answer;
+        EXPECT_EQ(fonction, m.GetFonction());
+        int i = 0;
+        for (int v : values) EXPECT_EQ(v, LongAt(m, i++)) << "value " << i - 1;
     }
 
-    // A table of n rows: id 1..n, name "row<id>", price id * 1.5, NULL note
-    // on even ids.
-    void MakeItems(int n) {
-        MustExecute(L"CREATE TABLE items (id INTEGER PRIMARY KEY, name VARCHAR(40), price DOUBLE, "
-                    L"note VARCHAR(20), made TIMESTAMP)");
-        for (int id = 1; id <= n; ++id) {
-            std::wstring sql = L"INSERT INTO items VALUES (" + std::to_wstring(id) + L", 'row" +
-                               std::to_wstring(id) + L"', " + std::to_wstring(id * 1.5) + L", " +
-                               (id % 2 ? L"'odd'" : L"NULL") + L", '2006-03-07 14:05:09')";
-            ASSERT_EQ(1, MustExecute(sql.c_str()));
+    // Reads a block of rows (a select's first answer or a GetLine's) and
+    // checks its rows and more-rows flag: the index of its first cell.
+    int ExpectBlock(bool first, int rows, int more) {
+        CMsgSocket& m = cnx_->answer;
+        const int at = first ? 3 : 1;  // a select's answer has status, columns, status before
+        ExpectAnswer(first ? KVN_EXECUTESELECT : KVN_GETLINE, {0});
+        if (first) {
+            EXPECT_EQ(0, LongAt(m, 2));
         }
+        EXPECT_EQ(rows, LongAt(m, at));
+        EXPECT_EQ(more, LongAt(m, at + 2));
+        if (rows > 0) {
+            EXPECT_EQ(at + 3 + rows * LongAt(m, at + 1), m.GetNbParametre());
+        }
+        return at + 3;
     }
 
     std::unique_ptr<RunningService> service_;
@@ -49,244 +53,94 @@ protected:
     std::unique_ptr<ConnexionLink> cnx_;
 };
 
-// Values of a block: status, rows, columns, more-rows flag, then the cells
-// from `first` on.
-struct Block {
-    int rows;
-    int columns;
-    int more;
-    int first;
-};
-
-Block ReadSelectBlock(CMsgSocket& m) {
-    EXPECT_EQ(KVN_EXECUTESELECT, m.GetFonction());
-    EXPECT_EQ(kStatusOk, LongAt(m, 0));
-    EXPECT_EQ(kStatusOk, LongAt(m, 2));
-    return Block{LongAt(m, 3), LongAt(m, 4), LongAt(m, 5), 6};
-}
-
-Block ReadLineBlock(CMsgSocket& m) {
-    EXPECT_EQ(KVN_GETLINE, m.GetFonction());
-    EXPECT_EQ(kStatusOk, LongAt(m, 0));
-    return Block{LongAt(m, 1), LongAt(m, 2), LongAt(m, 3), 4};
-}
-
 }  // namespace
 
-TEST_F(ServiceDatabase, ExecuteAnswersTheRowsAffected) {
-    MakeItems(3);
-    EXPECT_EQ(2, MustExecute(L"UPDATE items SET note = 'x' WHERE id >= 2"));
-    EXPECT_EQ(0, MustExecute(L"DELETE FROM items WHERE id > 100"));
-    EXPECT_EQ(KVN_EXECUTE, cnx_->answer.GetFonction());
-    EXPECT_EQ(2, cnx_->answer.GetNbParametre());
-}
-
-TEST_F(ServiceDatabase, RefusedStatementGivesTheOdbcErrorAndItsText) {
+TEST_F(ServiceDatabase, StatementsAnswerTheirStatusAndRefusalsTheOdbcCodeAndText) {
     ASSERT_TRUE(cnx_->ErrorText());
-    EXPECT_EQ(kStatusOk, LongAt(cnx_->answer, 0));
     EXPECT_TRUE(NullAt(cnx_->answer, 1)) << "no error yet";
+    ASSERT_TRUE(cnx_->Execute(L"CREATE TABLE t (a INTEGER)"));
+    ASSERT_TRUE(cnx_->Execute(L"INSERT INTO t VALUES (1), (2), (3)"));
+    ExpectAnswer(KVN_EXECUTE, {0, 3});
+    EXPECT_EQ(2, cnx_->answer.GetNbParametre());
+    ASSERT_TRUE(cnx_->Send(cnx_->request.CreateExecRequete(L"DELETE FROM t WHERE a = 1")));
+    ExpectAnswer(KVN_REQUETE_METABASE, {0});
+    EXPECT_EQ(1, cnx_->answer.GetNbParametre()) << "a direct request answers its status only";
 
+    // A refusal: -1, then the code; the text comes on request, in UTF-16.
     ASSERT_TRUE(cnx_->Execute(L"SELEC 1 FROM nowhere"));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, LongAt(cnx_->answer, 0));
-    EXPECT_EQ(KVN_ERROR_ODBC, LongAt(cnx_->answer, 1));
-
+    ExpectAnswer(KVN_EXECUTE, {KVN_ERROR_UNKNOWN, KVN_ERROR_ODBC});
     ASSERT_TRUE(cnx_->ErrorText());
-    EXPECT_EQ(KVN_GET_ODBC_ERROR_TEXT, cnx_->answer.GetFonction());
-    EXPECT_EQ(kStatusOk, LongAt(cnx_->answer, 0));
-    const std::wstring text = TextAt(cnx_->answer, 1);
-    EXPECT_NE(std::wstring::npos, text.find(L"syntax error")) << std::string(text.begin(), text.end());
+    ExpectAnswer(KVN_GET_ODBC_ERROR_TEXT, {0});
     EXPECT_EQ(SQL_C_WCHAR, TypeAt(cnx_->answer, 1));
-
-    // The same select refused as a select.
+    EXPECT_NE(std::wstring::npos, TextAt(cnx_->answer, 1).find(L"syntax error"));
     ASSERT_TRUE(cnx_->Select(L"SELECT missing FROM nowhere"));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, LongAt(cnx_->answer, 0));
-    EXPECT_EQ(KVN_ERROR_ODBC, LongAt(cnx_->answer, 1));
+    ExpectAnswer(KVN_EXECUTESELECT, {KVN_ERROR_UNKNOWN, KVN_ERROR_ODBC});
     ASSERT_TRUE(cnx_->ErrorText());
     EXPECT_NE(std::wstring::npos, TextAt(cnx_->answer, 1).find(L"nowhere"));
 }
 
 TEST_F(ServiceDatabase, SelectStreamsItsRowsInBlocksWithTheMoreRowsFlag) {
-    MakeItems(25);
+    ASSERT_TRUE(cnx_->Execute(L"CREATE TABLE items (id INTEGER, name VARCHAR(40), price DOUBLE, note VARCHAR(20), "
+                              L"made TIMESTAMP)"));
+    // 25 rows; odd ids have a note, even ones a NULL; the last a 64-bit id and an empty name.
+    ASSERT_TRUE(cnx_->Execute(
+        L"INSERT INTO items WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 24) "
+        L"SELECT i, 'row' || i, i * 1.5, CASE WHEN i % 2 THEN 'odd' END, '2006-03-07 14:05:09' FROM n "
+        L"UNION ALL SELECT 5000000000, '', 0, NULL, NULL"));
     ASSERT_TRUE(cnx_->Select(L"SELECT id, name, price, note, made FROM items ORDER BY id"));
-    Block b = ReadSelectBlock(cnx_->answer);
-    EXPECT_EQ(5, LongAt(cnx_->answer, 1)) << "the value beside the rows: the column count";
-    ASSERT_EQ(10, b.rows);
-    ASSERT_EQ(5, b.columns);
-    EXPECT_EQ(1, b.more);
-    ASSERT_EQ(b.first + 10 * 5, cnx_->answer.GetNbParametre());
-    // First row: every kind of value.
-    EXPECT_EQ(1, LongAt(cnx_->answer, b.first));
-    EXPECT_EQ(L"row1", TextAt(cnx_->answer, b.first + 1));
-    EXPECT_DOUBLE_EQ(1.5, DoubleAt(cnx_->answer, b.first + 2));
-    EXPECT_EQ(L"odd", TextAt(cnx_->answer, b.first + 3));
+    int at = ExpectBlock(true, 10, 1);
+    CMsgSocket& m = cnx_->answer;
+    EXPECT_EQ(5, LongAt(m, 1)) << "the value beside the rows: the column count";
+    EXPECT_EQ(5, LongAt(m, 4));
+    EXPECT_EQ(1, LongAt(m, at));
+    EXPECT_EQ(L"row1", TextAt(m, at + 1));
+    EXPECT_DOUBLE_EQ(1.5, DoubleAt(m, at + 2));
+    EXPECT_EQ(L"odd", TextAt(m, at + 3));
     CParam* made = nullptr;
-    ASSERT_TRUE(cnx_->answer.GetParametre(b.first + 4, &made));
+    ASSERT_TRUE(m.GetParametre(at + 4, &made));
     EXPECT_EQ(SQL_C_TIMESTAMP, made->cType);
-    EXPECT_EQ(2006, static_cast<int>(made->dateValeur.year));
-    EXPECT_EQ(3, static_cast<int>(made->dateValeur.month));
-    EXPECT_EQ(7, static_cast<int>(made->dateValeur.day));
-    EXPECT_EQ(14, static_cast<int>(made->dateValeur.hour));
-    EXPECT_EQ(9, static_cast<int>(made->dateValeur.second));
-    // Second row: its note is NULL.
-    EXPECT_TRUE(NullAt(cnx_->answer, b.first + 5 + 3));
+    const KvnTimestamp t = made->dateValeur;
+    EXPECT_EQ((std::vector<int>{2006, 3, 7, 14, 5, 9}),
+              (std::vector<int>{t.year, t.month, t.day, t.hour, t.minute, t.second}));
+    EXPECT_TRUE(NullAt(m, at + 5 + 3)) << "second row: its note is NULL";
 
-    ASSERT_TRUE(cnx_->GetLine());
-    b = ReadLineBlock(cnx_->answer);
-    EXPECT_EQ(10, b.rows);
-    EXPECT_EQ(1, b.more);
-    EXPECT_EQ(11, LongAt(cnx_->answer, b.first));
-
-    // The last block says that no row remains.
-    ASSERT_TRUE(cnx_->GetLine());
-    b = ReadLineBlock(cnx_->answer);
-    EXPECT_EQ(5, b.rows);
-    EXPECT_EQ(0, b.more);
-    EXPECT_EQ(25, LongAt(cnx_->answer, b.first + 4 * 5));
-
-    // Asking again gives an empty block: the end of the rows.
-    ASSERT_TRUE(cnx_->GetLine());
-    b = ReadLineBlock(cnx_->answer);
-    EXPECT_EQ(0, b.rows);
-    EXPECT_EQ(0, b.more);
-}
-
-TEST_F(ServiceDatabase, SelectBlocksFollowTheRowsAskedAndTheRelease) {
-    MakeItems(12);
-    ASSERT_TRUE(cnx_->Select(L"SELECT id FROM items ORDER BY id"));
-    EXPECT_EQ(10, ReadSelectBlock(cnx_->answer).rows);
+    // Rows asked for one at a time, then the default block.
     ASSERT_TRUE(cnx_->GetLine(1));
-    Block b = ReadLineBlock(cnx_->answer);
-    EXPECT_EQ(1, b.rows);
-    EXPECT_EQ(1, b.more);
-    EXPECT_EQ(11, LongAt(cnx_->answer, b.first));
+    EXPECT_EQ(11, LongAt(m, ExpectBlock(false, 1, 1)));
+    ASSERT_TRUE(cnx_->GetLine());
+    EXPECT_EQ(12, LongAt(m, ExpectBlock(false, 10, 1)));
+    // The last block says that no row remains; asking again gives an empty block.
+    ASSERT_TRUE(cnx_->GetLine());
+    at = ExpectBlock(false, 4, 0);
+    EXPECT_EQ(5000000000LL, BigAt(m, at + 3 * 5));
+    EXPECT_EQ(L"", TextAt(m, at + 3 * 5 + 1));
+    ASSERT_TRUE(cnx_->GetLine());
+    ExpectBlock(false, 0, 0);
 
-    // Released: the remaining row is gone.
+    // Released half read: the remaining rows are gone.
+    ASSERT_TRUE(cnx_->Select(L"SELECT id FROM items ORDER BY id"));
+    ExpectBlock(true, 10, 1);
     ASSERT_EQ(0, cnx_->request.CreateLibereConnexionSelect());
     ASSERT_EQ(1, cnx_->request.SendMessageW(cnx_->socket.Get(), -1, -1));
     ASSERT_TRUE(cnx_->GetLine());
-    EXPECT_EQ(0, ReadLineBlock(cnx_->answer).rows);
-}
-
-TEST_F(ServiceDatabase, EmptySelectIsAnEmptyFirstBlock) {
-    MakeItems(2);
-    ASSERT_TRUE(cnx_->Select(L"SELECT id FROM items WHERE id > 100"));
-    Block b = ReadSelectBlock(cnx_->answer);
-    EXPECT_EQ(0, b.rows);
-    EXPECT_EQ(0, b.more);
-    EXPECT_EQ(6, cnx_->answer.GetNbParametre());
-}
-
-TEST_F(ServiceDatabase, LargeValuesAreIntegersOf64BitsAndEmptyTextsSurvive) {
-    MustExecute(L"CREATE TABLE big (n INTEGER, t VARCHAR(10))");
-    MustExecute(L"INSERT INTO big VALUES (5000000000, '')");
-    ASSERT_TRUE(cnx_->Select(L"SELECT n, t FROM big"));
-    Block b = ReadSelectBlock(cnx_->answer);
-    ASSERT_EQ(1, b.rows);
-    EXPECT_EQ(5000000000LL, BigAt(cnx_->answer, b.first));
-    EXPECT_EQ(L"", TextAt(cnx_->answer, b.first + 1));
+    ExpectBlock(false, 0, 0);
+    // An empty result is an empty first block.
+    ASSERT_TRUE(cnx_->Select(L"SELECT id FROM items WHERE id < 0"));
+    ExpectBlock(true, 0, 0);
+    EXPECT_EQ(6, m.GetNbParametre());
 }
 
 TEST_F(ServiceDatabase, ARowTooLargeForOneMessageHasItsTextsCut) {
     // Five texts of 120000 characters: far beyond the 256000 bytes of a message.
     ASSERT_TRUE(cnx_->Select(L"SELECT hex(zeroblob(60000)), hex(zeroblob(60000)), hex(zeroblob(60000)), "
                              L"hex(zeroblob(60000)), hex(zeroblob(60000))"));
-    Block b = ReadSelectBlock(cnx_->answer);
-    ASSERT_EQ(1, b.rows);
+    const int at = ExpectBlock(true, 1, 0);
     std::size_t characters = 0;
     for (int c = 0; c < 5; ++c) {
-        const std::wstring text = TextAt(cnx_->answer, b.first + c);
+        const std::wstring text = TextAt(cnx_->answer, at + c);
         EXPECT_FALSE(text.empty());
         EXPECT_EQ(std::wstring::npos, text.find_first_not_of(L'0'));
         characters += text.size();
     }
     EXPECT_LE(characters * 2, 256000u);
-}
-
-TEST_F(ServiceDatabase, BoundValuesReachTheStatement) {
-    MakeItems(0);
-    // As the library builds them: a SQL_C_LONG bound value travels with size 8.
-    CParam values[5];
-    values[0].cType = SQL_C_LONG, values[0].nTaille = 8, values[0].valNum.lVal = 42;
-    wchar_t name[] = L"caf\u00e9 \u20ac";
-    values[1].cType = SQL_C_WCHAR, values[1].nTaille = 6, values[1].pszValeur = new wchar_t[7];
-    std::wcscpy(values[1].pszValeur, name);
-    values[2].cType = SQL_C_DOUBLE, values[2].nTaille = 8, values[2].valNum.dVal = 2.25;
-    values[3].cType = SQL_C_CHAR, values[3].bNull = 1;
-    values[4].cType = SQL_C_TIMESTAMP, values[4].nTaille = 18;
-    values[4].dateValeur = KvnTimestamp{2024, 2, 29, 23, 59, 58, 0};
-    ASSERT_EQ(0, cnx_->request.CreateExecBind(L"INSERT INTO items VALUES (?, ?, ?, ?, ?)", 5, values));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(KVN_EXECUTEBIND, cnx_->answer.GetFonction());
-    EXPECT_EQ(kStatusOk, LongAt(cnx_->answer, 0));
-    EXPECT_EQ(1, LongAt(cnx_->answer, 1));
-
-    ASSERT_TRUE(cnx_->Select(L"SELECT id, name, price, note, made FROM items"));
-    Block b = ReadSelectBlock(cnx_->answer);
-    ASSERT_EQ(1, b.rows);
-    EXPECT_EQ(42, LongAt(cnx_->answer, b.first));
-    EXPECT_EQ(name, TextAt(cnx_->answer, b.first + 1));
-    EXPECT_DOUBLE_EQ(2.25, DoubleAt(cnx_->answer, b.first + 2));
-    EXPECT_TRUE(NullAt(cnx_->answer, b.first + 3));
-    CParam* made = nullptr;
-    ASSERT_TRUE(cnx_->answer.GetParametre(b.first + 4, &made));
-    EXPECT_EQ(2024, static_cast<int>(made->dateValeur.year));
-    EXPECT_EQ(29, static_cast<int>(made->dateValeur.day));
-    EXPECT_EQ(58, static_cast<int>(made->dateValeur.second));
-
-    // A bound statement the database refuses.
-    ASSERT_EQ(0, cnx_->request.CreateExecBind(L"INSERT INTO items VALUES (?, ?, ?, ?, ?)", 5, values));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, LongAt(cnx_->answer, 0));
-    EXPECT_EQ(KVN_ERROR_ODBC, LongAt(cnx_->answer, 1));
-}
-
-TEST_F(ServiceDatabase, SchemaQuestionsUseTheCatalog) {
-    MakeItems(0);
-    ASSERT_EQ(0, cnx_->request.CreateIsTableExist(L"items"));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(kStatusOk, LongAt(cnx_->answer, 0));
-    EXPECT_EQ(1, LongAt(cnx_->answer, 1));
-    // "_" is a wildcard of the catalog functions; the name must match whole.
-    ASSERT_EQ(0, cnx_->request.CreateIsTableExist(L"item_"));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(0, LongAt(cnx_->answer, 1));
-
-    ASSERT_EQ(0, cnx_->request.CreateIsColumnExist(L"items", L"price"));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(1, LongAt(cnx_->answer, 1));
-    ASSERT_EQ(0, cnx_->request.CreateIsColumnExist(L"items", L"cost"));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(0, LongAt(cnx_->answer, 1));
-
-    ASSERT_EQ(0, cnx_->request.CreateGetColumns(L"items"));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(KVN_GETCOLUMNS, cnx_->answer.GetFonction());
-    EXPECT_EQ(kStatusOk, LongAt(cnx_->answer, 0));
-    EXPECT_EQ(5, LongAt(cnx_->answer, 1));
-    EXPECT_EQ(L"id;name;price;note;made", TextAt(cnx_->answer, 2));
-    const std::wstring types = TextAt(cnx_->answer, 3);
-    EXPECT_EQ(0u, types.find(L"INTEGER;VARCHAR")) << std::string(types.begin(), types.end());
-
-    ASSERT_EQ(0, cnx_->request.CreateGetColumns(L"nowhere"));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, LongAt(cnx_->answer, 0));
-    EXPECT_EQ(KVN_ERROR_TABLE_NOT_FOUND, LongAt(cnx_->answer, 1));
-}
-
-TEST_F(ServiceDatabase, DirectRequestAnswersItsStatusOnly) {
-    ASSERT_EQ(0, cnx_->request.CreateExecRequete(L"CREATE TABLE t (a INTEGER)"));
-    ASSERT_TRUE(cnx_->Exchange());
-    EXPECT_EQ(KVN_REQUETE_METABASE, cnx_->answer.GetFonction());
-    EXPECT_EQ(1, cnx_->answer.GetNbParametre());
-    EXPECT_EQ(kStatusOk, LongAt(cnx_->answer, 0));
-}
-
-TEST_F(ServiceDatabase, TwoConnectionsShareTheDatabaseFile) {
-    MakeItems(3);
-    ConnexionLink second(service_->Port(), app_->IdApplication(), 2);
-    ASSERT_EQ(0, second.result);
-    ASSERT_TRUE(second.Select(L"SELECT COUNT(*) FROM items"));
-    Block b = ReadSelectBlock(second.answer);
-    ASSERT_EQ(1, b.rows);
-    EXPECT_EQ(3, LongAt(second.answer, b.first));
 }

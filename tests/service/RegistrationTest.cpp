@@ -1,12 +1,19 @@
 // korvaned's link requests: the registration of an application with the
 // service's communication parameters, the opening of logical connections,
-// and the limit on the number of applications.
+// the limit on the number of applications, and the heartbeat it sends.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstring>
 #include <memory>
+#include <tuple>
+
+#include <korvane/SockInit.h>
 
 #include "RunningService.h"
 #include "ServiceLinks.h"
+#include "platform/Sockets.h"
+#include "support/TestUtil.h"
 
 TEST(ServiceRegistration, AnswersWithTheTenParametersOfItsConfiguration) {
     RunningService service({"--hb-period", "1500", "--hb-count", "4", "--hb-port", "47001", "--hb-address",
@@ -16,32 +23,24 @@ TEST(ServiceRegistration, AnswersWithTheTenParametersOfItsConfiguration) {
     ApplicationLink app(service.Port());
     ASSERT_EQ(0, app.result);
     EXPECT_GT(app.IdApplication(), 0);
-    EXPECT_EQ(1500, app.comm.nPeriodeHB);
-    EXPECT_EQ(4, app.comm.nNbPeriodeHB);
-    EXPECT_EQ(47001, app.comm.nPortHB);
-    EXPECT_EQ(0, app.comm.bMulticastHB);
-    EXPECT_STREQ(L"127.0.0.2", app.comm.szAdresseHB);
-    EXPECT_EQ(3, app.comm.nNbRetrySend);
-    EXPECT_EQ(2500, app.comm.nTimeOutConnect);
-    EXPECT_EQ(1200, app.comm.nTimeOutAck);
-    EXPECT_EQ(7, app.message.GetDBType());
-
-    // A second application gets an id of its own.
+    const CParamComm& c = app.comm;
+    EXPECT_EQ(std::make_tuple(1500, 4, 47001, 0, 3, 2500, 1200, 7),
+              std::make_tuple(+c.nPeriodeHB, +c.nNbPeriodeHB, +c.nPortHB, +c.bMulticastHB, +c.nNbRetrySend,
+                              +c.nTimeOutConnect, +c.nTimeOutAck, app.message.GetDBType()));
+    EXPECT_STREQ(L"127.0.0.2", c.szAdresseHB);
     ApplicationLink other(service.Port(), L"");
     ASSERT_EQ(0, other.result);
-    EXPECT_NE(app.IdApplication(), other.IdApplication());
+    EXPECT_NE(app.IdApplication(), other.IdApplication()) << "each application gets an id of its own";
+
+    RunningService multicast({"--hb-mode", "multicast", "--hb-address", "239.255.12.34"});
+    ASSERT_NE(0, multicast.Port());
+    ApplicationLink member(multicast.Port());
+    ASSERT_EQ(0, member.result);
+    EXPECT_EQ(1, member.comm.bMulticastHB);
+    EXPECT_STREQ(L"239.255.12.34", member.comm.szAdresseHB);
 }
 
-TEST(ServiceRegistration, MulticastModeAnnouncesItsGroup) {
-    RunningService service({"--hb-mode", "multicast", "--hb-address", "239.255.12.34"});
-    ASSERT_NE(0, service.Port());
-    ApplicationLink app(service.Port());
-    ASSERT_EQ(0, app.result);
-    EXPECT_EQ(1, app.comm.bMulticastHB);
-    EXPECT_STREQ(L"239.255.12.34", app.comm.szAdresseHB);
-}
-
-TEST(ServiceRegistration, ReRegistrationKeepsTheApplicationId) {
+TEST(ServiceConnexions, OpenForARegisteredApplicationOnlyAndCarryTheDatabaseRequests) {
     RunningService service;
     ASSERT_NE(0, service.Port());
     int id = 0;
@@ -49,72 +48,76 @@ TEST(ServiceRegistration, ReRegistrationKeepsTheApplicationId) {
         ApplicationLink app(service.Port());
         ASSERT_EQ(0, app.result);
         id = app.IdApplication();
+        // A database request on the main link is answered with an error.
+        CMsgSocketClient request;
+        request.Init(id, 0, app.socket.Get(), &app.comm);
+        ASSERT_EQ(0, request.CreateExec(L"SELECT 1"));
+        ASSERT_EQ(1, request.SendMessageW(app.socket.Get(), -1, -1));
+        CMsgSocket answer;
+        ASSERT_TRUE(ReceiveAnswer(app.socket.Get(), answer));
+        EXPECT_EQ(KVN_EXECUTE, answer.GetFonction());
+        EXPECT_EQ(KVN_ERROR_UNKNOWN, LongAt(answer, 0));
+        EXPECT_EQ(KVN_ERROR_HANDLE_CNX, LongAt(answer, 1));
     }
-    // The link was lost; the application comes back with its id on a new one.
+    // The main link was lost; the application comes back with its id on a new one.
     ClientSocket socket(service.Port());
     CParamComm comm;
     CMsgSocketClient message;
     message.Init(id, 0, socket.Get(), &comm);
     EXPECT_EQ(0, message.SendReInitApplication(L"service-tests"));
     EXPECT_EQ(id, message.GetIdApplication());
+
+    EXPECT_EQ(0, ConnexionLink(service.Port(), id, 1).result);
+    EXPECT_EQ(0, ConnexionLink(service.Port(), id, 2).result);
+    EXPECT_EQ(0, ConnexionLink(service.Port(), id, 1, true).result) << "attached again after a loss";
+    EXPECT_NE(0, ConnexionLink(service.Port(), id + 1000, 1).result) << "an unknown application";
 }
 
-TEST(ServiceConnexions, OpenForARegisteredApplicationOnly) {
-    RunningService service;
-    ASSERT_NE(0, service.Port());
-    ApplicationLink app(service.Port());
-    ASSERT_EQ(0, app.result);
-
-    ConnexionLink first(service.Port(), app.IdApplication(), 1);
-    EXPECT_EQ(0, first.result);
-    ConnexionLink second(service.Port(), app.IdApplication(), 2);
-    EXPECT_EQ(0, second.result);
-    // After a loss the connection is attached again on a new link.
-    ConnexionLink again(service.Port(), app.IdApplication(), 1, true);
-    EXPECT_EQ(0, again.result);
-
-    ConnexionLink stranger(service.Port(), app.IdApplication() + 1000, 1);
-    EXPECT_NE(0, stranger.result);
-}
-
-TEST(ServiceConnexions, DatabaseRequestOnAMainLinkIsAnsweredWithAnError) {
-    RunningService service;
-    ASSERT_NE(0, service.Port());
-    ApplicationLink app(service.Port());
-    ASSERT_EQ(0, app.result);
-    CMsgSocketClient request;
-    request.Init(app.IdApplication(), 0, app.socket.Get(), &app.comm);
-    ASSERT_EQ(0, request.CreateExec(L"SELECT 1"));
-    ASSERT_EQ(1, request.SendMessageW(app.socket.Get(), -1, -1));
-    CMsgSocket answer;
-    ASSERT_TRUE(ReceiveAnswer(app.socket.Get(), answer));
-    EXPECT_EQ(KVN_EXECUTE, answer.GetFonction());
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, LongAt(answer, 0));
-    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, LongAt(answer, 1));
-}
-
-TEST(ServiceLimits, RefusesTheApplicationBeyondTheLimitWithMinus54) {
+TEST(ServiceLimits, RefusesTheApplicationBeyondTheLimitWithMinus54UntilAPlaceIsFree) {
     RunningService service({"--max-clients", "2"});
     ASSERT_NE(0, service.Port());
     auto first = std::make_unique<ApplicationLink>(service.Port());
     ApplicationLink second(service.Port());
     ASSERT_EQ(0, first->result);
     ASSERT_EQ(0, second.result);
+    EXPECT_EQ(KVN_ERROR_MAX_CLIENT_ATTEINT, ApplicationLink(service.Port()).result);
 
-    ApplicationLink third(service.Port());
-    EXPECT_EQ(KVN_ERROR_MAX_CLIENT_ATTEINT, third.result);
-
-    // A closed link frees its place, once the service has seen the close.
+    // CLOSE_APPLICATION frees the place though the link stays open...
+    EXPECT_EQ(0, second.message.SendCloseApplication());
+    EXPECT_EQ(0, RegisterWithin(service.Port(), 5000));
+    // ...and so does a closed link, once the service has seen the close.
     first.reset();
     EXPECT_EQ(0, RegisterWithin(service.Port(), 5000));
 }
 
-TEST(ServiceLimits, CloseApplicationFreesThePlaceAtOnce) {
-    RunningService service({"--max-clients", "1"});
+TEST(ServiceHeartbeat, BareHeadersArriveOnLoopbackAtThePeriod) {
+    ASSERT_EQ(1, SockInitWinSock());
+    SOCKET udp = KvnUdpSocket();
+    ASSERT_NE(INVALID_SOCKET, udp);
+    ASSERT_EQ(0, KvnBind(udp, KvnLoopbackAddress(), 0));
+    const unsigned short port = KvnGetLocalPort(udp);
+    ASSERT_NE(0, port);
+
+    RunningService service({"--hb-mode", "unicast", "--hb-address", "127.0.0.1", "--hb-port",
+                            std::to_string(port), "--hb-period", "100"});
     ASSERT_NE(0, service.Port());
-    ApplicationLink first(service.Port());
-    ASSERT_EQ(0, first.result);
-    EXPECT_EQ(0, first.message.SendCloseApplication());
-    // The link stays open: only the announcement frees the place.
-    EXPECT_EQ(0, RegisterWithin(service.Port(), 5000));
+    const auto start = kvntest::Clock::now();
+    int received = 0;
+    while (received < 5 && kvntest::MsSince(start) < 5000) {
+        if (KvnWaitReadable(udp, 1000) != 1) continue;
+        char datagram[64];
+        ASSERT_EQ(KVN_TAILLE_ENTETE, KvnRecvFrom(udp, datagram, sizeof(datagram)));
+        EXPECT_EQ(KVN_HEART_BEAT, datagram[6]);
+        std::int32_t count = -1;
+        std::uint32_t size = 1;
+        std::memcpy(&count, datagram + 7, 4);  // no value, no body
+        std::memcpy(&size, datagram + 11, 4);
+        EXPECT_EQ(0, count);
+        EXPECT_EQ(0u, size);
+        ++received;
+    }
+    EXPECT_EQ(5, received);
+    EXPECT_GE(kvntest::MsSince(start), 350) << "five datagrams 100 ms apart take at least 400 ms";
+    KvnCloseSocket(udp);
+    SockCloseWinSock();
 }

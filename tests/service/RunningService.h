@@ -1,6 +1,6 @@
-// A korvaned started for one test: its own temporary directory and SQLite
-// file, an ephemeral port read from its port file, its log kept in the
-// directory and shown when the test failed. Stopped at the end of the test.
+// Programs started for a test: korvaned on its own temporary directory and
+// SQLite file (its log shown when the test failed), and a PostgreSQL server
+// for the tests that need one.
 #ifndef KVN_TESTS_SERVICE_RUNNINGSERVICE_H
 #define KVN_TESTS_SERVICE_RUNNINGSERVICE_H
 
@@ -16,22 +16,27 @@ public:
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-    const std::string& Path() const { return path_; }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
 
 private:
     std::string path_;
 };
 
-// Waits up to timeoutMs for a file holding a port number, then returns it
-// (0 when none came).
+// Ports on loopback that were free a moment ago (0 when none could be had).
+unsigned short FreeTcpPort();
+unsigned short FreeUdpPort();
+
+// Starts args[0] with args, its standard error to logFile (none when empty).
+KvnProcess StartProgram(const std::vector<std::string>& args, const std::string& logFile);
+
+// Waits up to timeoutMs for a file holding a port number (0 when none came).
 unsigned short WaitForPortFile(const std::string& path, int timeoutMs);
 
 class RunningService {
 public:
     // Starts korvaned with the test's arguments after the ones that place it
-    // (port 0, port file, database file, unicast heartbeat to a port nobody
-    // listens on unless the arguments say otherwise).
+    // (port 0, port file, database file, unicast heartbeat to port 9 unless
+    // the arguments say otherwise); stops it at the end.
     explicit RunningService(const std::vector<std::string>& arguments = {});
     ~RunningService();
     RunningService(const RunningService&) = delete;
@@ -39,16 +44,23 @@ public:
 
     // 0 when the service did not come up (the test has failed then).
     unsigned short Port() const { return port_; }
-    const TempDir& Dir() const { return dir_; }
-    // Whether the process still runs.
     bool Running();
-    // What it wrote on its standard error so far.
     std::string Log() const;
 
 private:
     TempDir dir_;
     KvnProcess process_;
     unsigned short port_;
+};
+
+// A PostgreSQL server started by start-postgres.sh in a temporary directory on
+// a loopback port; starting one takes seconds, so a test program shares one.
+struct PostgresServer {
+    PostgresServer();
+    ~PostgresServer();
+    TempDir dir;
+    std::string skipReason;  // why there is none (not installed, did not start)
+    std::string connection;  // korvaned's --odbc connection string
 };
 
 #endif

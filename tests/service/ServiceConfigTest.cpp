@@ -19,7 +19,7 @@ ParseResult Parse(std::vector<std::string> args, ServiceOptions& options, std::s
 
 }  // namespace
 
-TEST(ServiceOptions, ReadsValuesInBothSpellingsAndRefusesBadOnes) {
+TEST(ServiceOptions, ReadsValuesInBothSpellingsRefusesBadOnesAndDefaultsTheHeartbeatAddress) {
     ServiceOptions o;
     std::string error;
     ASSERT_EQ(ParseResult::Run, Parse({"-p", "6000", "--block-rows=50", "--hb-mode", "multicast", "-v"}, o, error))
@@ -41,16 +41,13 @@ TEST(ServiceOptions, ReadsValuesInBothSpellingsAndRefusesBadOnes) {
     ServiceOptions help;
     EXPECT_EQ(ParseResult::Help, Parse({"--port", "1", "-h"}, help, error));
     EXPECT_NE(std::string::npos, OptionsHelp("korvaned").find("--max-clients"));
-}
 
-TEST(ServiceOptions, UnicastHeartbeatDefaultsToLoopback) {
-    ServiceOptions o;
-    std::string error;
-    ASSERT_EQ(ParseResult::Run, Parse({"--hb-mode", "unicast"}, o, error));
-    EXPECT_EQ("127.0.0.1", HeartbeatAddress(o));
-    ServiceOptions b;
-    ASSERT_EQ(ParseResult::Run, Parse({}, b, error));
-    EXPECT_EQ("255.255.255.255", HeartbeatAddress(b));
+    // Without an address the heartbeat goes to loopback in unicast, to everybody by default.
+    ServiceOptions unicast, broadcast;
+    ASSERT_EQ(ParseResult::Run, Parse({"--hb-mode", "unicast"}, unicast, error));
+    EXPECT_EQ("127.0.0.1", HeartbeatAddress(unicast));
+    ASSERT_EQ(ParseResult::Run, Parse({}, broadcast, error));
+    EXPECT_EQ("255.255.255.255", HeartbeatAddress(broadcast));
 }
 
 TEST(ServiceText, Utf8RoundTripAndInvalidBytes) {

@@ -47,25 +47,15 @@ bool ConnexionLink::Exchange() {
     return received;
 }
 
-bool ConnexionLink::Execute(const wchar_t* sql) {
-    EXPECT_EQ(0, request.CreateExec(sql));
-    return Exchange();
+bool ConnexionLink::Send(int created) {
+    EXPECT_EQ(0, created) << "request not built";
+    return created == 0 && Exchange();
 }
 
-bool ConnexionLink::Select(const wchar_t* sql) {
-    EXPECT_EQ(0, request.CreateExecSelect(sql));
-    return Exchange();
-}
-
-bool ConnexionLink::GetLine(int rows) {
-    EXPECT_EQ(0, request.CreateGetLine(rows));
-    return Exchange();
-}
-
-bool ConnexionLink::ErrorText() {
-    EXPECT_EQ(0, request.CreateGetErrorText());
-    return Exchange();
-}
+bool ConnexionLink::Execute(const wchar_t* sql) { return Send(request.CreateExec(sql)); }
+bool ConnexionLink::Select(const wchar_t* sql) { return Send(request.CreateExecSelect(sql)); }
+bool ConnexionLink::GetLine(int rows) { return Send(request.CreateGetLine(rows)); }
+bool ConnexionLink::ErrorText() { return Send(request.CreateGetErrorText()); }
 
 namespace {
 

@@ -41,6 +41,8 @@ struct ConnexionLink {
     // Sends the request built in `request` and receives its answer into
     // `answer`; false (and a test failure) when either did not happen.
     bool Exchange();
+    // The same once a request was built (`created`: the Create... result).
+    bool Send(int created);
     // Shorthands: build, exchange.
     bool Execute(const wchar_t* sql);
     bool Select(const wchar_t* sql);

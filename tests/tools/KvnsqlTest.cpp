@@ -3,8 +3,8 @@
 // results.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <korvane/CParam.h>
@@ -24,13 +24,16 @@ OptionsResult Parse(std::vector<const char*> args, KvnsqlOptions& options, std::
     return ParseKvnsqlOptions(static_cast<int>(args.size()), args.data(), options, error);
 }
 
-std::vector<std::wstring> Texts(const std::vector<InputItem>& items) {
-    std::vector<std::wstring> texts;
+Strings Texts(const std::vector<InputItem>& items) {
+    Strings texts;
     for (const InputItem& item : items) texts.push_back((item.command ? L"\\" : L"") + item.text);
     return texts;
 }
 
-// ---- Command line ---------------------------------------------------------------
+// "type:value" of a parsed value ("null" for a NULL).
+std::wstring Describe(const TypedValue& v) {
+    return v.null ? L"null" : std::wstring(TypeName(v.type)) + L":" + ValueText(v);
+}
 
 TEST(KvnsqlOptions, EveryOptionInShortLongAndInlineSpelling) {
     KvnsqlOptions o;
@@ -41,24 +44,21 @@ TEST(KvnsqlOptions, EveryOptionInShortLongAndInlineSpelling) {
                      "--no-prompt", "--null", "<null>"},
                     o, error))
         << error;
-    EXPECT_EQ("db.local", o.host);
-    EXPECT_EQ(6000, o.port);
-    EXPECT_EQ(6001, o.loaderPort);
-    EXPECT_EQ("reports", o.application);
-    EXPECT_EQ(3, o.logLevel);
-    EXPECT_EQ("/tmp/k.log", o.logFile);
+    EXPECT_EQ(std::make_tuple("db.local", 6000, 6001, "reports", 3, "/tmp/k.log", true, false, "<null>"),
+              std::tie(o.host, o.port, o.loaderPort, o.application, o.logLevel, o.logFile, o.echo, o.prompt,
+                       o.nullText));
     EXPECT_EQ((std::vector<std::string>{"select 1", "\\exists t"}), o.commands);
-    EXPECT_TRUE(o.echo);
-    EXPECT_FALSE(o.prompt);
-    EXPECT_EQ("<null>", o.nullText);
-
     KvnsqlOptions defaults;
     ASSERT_EQ(OptionsResult::Run, Parse({}, defaults, error));
-    EXPECT_EQ("127.0.0.1", defaults.host);
-    EXPECT_EQ(5151, defaults.port);
-    EXPECT_EQ(0, defaults.loaderPort);
-    EXPECT_TRUE(defaults.prompt);
+    EXPECT_EQ(std::make_tuple("127.0.0.1", 5151, 0, true),
+              std::tie(defaults.host, defaults.port, defaults.loaderPort, defaults.prompt));
     EXPECT_EQ(OptionsResult::Help, Parse({"-p", "1", "--help"}, defaults, error));
+    const std::string help = KvnsqlHelp("kvnsql");
+    for (const char* word : {"--host", "--port", "--loader-port", "--app", "--log-level", "--log-file",
+                             "--command", "--file", "--echo", "--no-prompt", "--null", "--help", "\\exists",
+                             "\\columns", "\\call", "\\bind", "\\unbind", "\\requete", "\\echo", "\\help", "\\quit"}) {
+        EXPECT_NE(std::string::npos, help.find(word)) << word;
+    }
 }
 
 TEST(KvnsqlOptions, RefusesWhatTheLibraryWouldCutOrCannotUse) {
@@ -92,19 +92,7 @@ TEST(KvnsqlOptions, RefusesWhatTheLibraryWouldCutOrCannotUse) {
     EXPECT_EQ(OptionsResult::Run, Parse({"-H", nineteen.c_str()}, o, error)) << error;
 }
 
-TEST(KvnsqlOptions, HelpNamesEveryOptionAndCommand) {
-    const std::string help = KvnsqlHelp("kvnsql");
-    for (const char* word : {"--host", "--port", "--loader-port", "--app", "--log-level", "--log-file",
-                             "--command", "--file", "--echo", "--no-prompt", "--null", "--help",
-                             "\\exists", "\\columns", "\\call", "\\bind", "\\unbind", "\\requete",
-                             "\\echo", "\\help", "\\quit"}) {
-        EXPECT_NE(std::string::npos, help.find(word)) << word;
-    }
-}
-
-// ---- UTF-8 --------------------------------------------------------------------------
-
-TEST(KvnsqlUtf8, RoundTripsEveryLengthOfSequence) {
+TEST(KvnsqlUtf8, RoundTripsEveryLengthAndReplacesMalformedBytes) {
     const std::string utf8 = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";  // a é € 😀 z
     const std::wstring wide = Utf8ToWide(utf8);
     if (sizeof(wchar_t) == 4) {
@@ -114,9 +102,7 @@ TEST(KvnsqlUtf8, RoundTripsEveryLengthOfSequence) {
     }
     EXPECT_EQ(utf8, WideToUtf8(wide));
     EXPECT_EQ("", WideToUtf8(static_cast<const wchar_t*>(nullptr)));
-}
 
-TEST(KvnsqlUtf8, MalformedBytesBecomeReplacementCharactersAndTheRestSurvives) {
     const wchar_t r = 0xFFFD;
     EXPECT_EQ((std::wstring{L'a', r, L'b'}), Utf8ToWide("a\xFF" "b"));        // not a lead byte
     EXPECT_EQ((std::wstring{L'a', r, L'b'}), Utf8ToWide("a\xC3" "b"));        // continuation missing
@@ -128,8 +114,6 @@ TEST(KvnsqlUtf8, MalformedBytesBecomeReplacementCharactersAndTheRestSurvives) {
     EXPECT_EQ("\xEF\xBF\xBD", WideToUtf8(std::wstring(1, static_cast<wchar_t>(0xD800))));
 }
 
-// ---- \call and \bind -----------------------------------------------------------------------
-
 TEST(KvnsqlCall, EveryDirectionWithTypedAndInferredValues) {
     ProcCall call;
     std::wstring error;
@@ -138,32 +122,19 @@ TEST(KvnsqlCall, EveryDirectionWithTypedAndInferredValues) {
                           call, error))
         << error;
     EXPECT_EQ(L"add_tax", call.name);
-    ASSERT_EQ(8u, call.arguments.size());
-    const std::vector<ProcArgument>& a = call.arguments;
-    EXPECT_EQ(KVN_PARAM_IN, a[0].direction);
-    EXPECT_EQ(SQL_C_DOUBLE, a[0].value.type);
-    EXPECT_DOUBLE_EQ(100.5, a[0].value.doubleValue);
-    EXPECT_EQ(KVN_PARAM_INOUT, a[1].direction);
-    EXPECT_EQ(SQL_C_LONG, a[1].value.type);
-    EXPECT_EQ(-2, a[1].value.longValue);
-    EXPECT_EQ(KVN_PARAM_OUT, a[2].direction);
-    EXPECT_EQ(SQL_C_WCHAR, a[2].value.type);
-    EXPECT_EQ(SQL_C_WCHAR, a[3].value.type);
-    EXPECT_EQ(L"it's, (x)", a[3].value.text);
-    EXPECT_EQ(SQL_C_LONG, a[4].value.type);
-    EXPECT_EQ(7, a[4].value.longValue);
-    EXPECT_EQ(SQL_C_SBIGINT, a[5].value.type);
-    EXPECT_EQ(5000000000LL, a[5].value.bigintValue);
-    EXPECT_EQ(SQL_C_TIMESTAMP, a[6].value.type);
-    EXPECT_EQ(L"2024-02-29 13:45:07", ValueText(a[6].value));
-    EXPECT_EQ(KVN_PARAM_OUT, a[7].direction);
-    EXPECT_EQ(SQL_C_SBIGINT, a[7].value.type);
-
-    ASSERT_TRUE(ParseCall(L"refresh", call, error));
-    EXPECT_EQ(L"refresh", call.name);
-    EXPECT_TRUE(call.arguments.empty());
-    ASSERT_TRUE(ParseCall(L"refresh ( )", call, error));
-    EXPECT_TRUE(call.arguments.empty());
+    Strings arguments;
+    for (const ProcArgument& a : call.arguments) {
+        const wchar_t* direction = a.direction == KVN_PARAM_IN ? L"in " : a.direction == KVN_PARAM_OUT ? L"out " : L"inout ";
+        arguments.push_back(direction + (a.direction == KVN_PARAM_OUT ? TypeName(a.value.type) : Describe(a.value)));
+    }
+    EXPECT_EQ((Strings{L"in double:100.5", L"inout long:-2", L"out text", L"in text:it's, (x)", L"in long:7",
+                       L"in bigint:5000000000", L"in timestamp:2024-02-29 13:45:07", L"out bigint"}),
+              arguments);
+    for (const wchar_t* bare : {L"refresh", L"refresh ( )"}) {
+        ASSERT_TRUE(ParseCall(bare, call, error)) << bare;
+        EXPECT_EQ(L"refresh", call.name);
+        EXPECT_TRUE(call.arguments.empty());
+    }
 }
 
 TEST(KvnsqlCall, SyntaxErrorsSayWhichArgumentAndWhy) {
@@ -200,26 +171,13 @@ TEST(KvnsqlCall, SyntaxErrorsSayWhichArgumentAndWhy) {
 TEST(KvnsqlBind, ValuesByBlanksOrCommasWithNulls) {
     std::vector<TypedValue> values;
     std::wstring error;
-    ASSERT_TRUE(
-        ParseBind(L"long:1 'pear', NULL  double:2.25,char:abc 3.5 bigint:-9 text:'' word", values, error))
+    ASSERT_TRUE(ParseBind(L"long:1 'pear', NULL  double:2.25,char:abc 3.5 bigint:-9 text:'' word", values, error))
         << error;
-    ASSERT_EQ(9u, values.size());
-    EXPECT_EQ(SQL_C_LONG, values[0].type);
-    EXPECT_EQ(1, values[0].longValue);
-    EXPECT_EQ(SQL_C_WCHAR, values[1].type);
-    EXPECT_EQ(L"pear", values[1].text);
-    EXPECT_TRUE(values[2].null);
-    EXPECT_EQ(SQL_C_DOUBLE, values[3].type);
-    EXPECT_DOUBLE_EQ(2.25, values[3].doubleValue);
-    EXPECT_EQ(SQL_C_CHAR, values[4].type);
-    EXPECT_EQ(L"abc", values[4].text);
-    EXPECT_EQ(SQL_C_DOUBLE, values[5].type);
-    EXPECT_EQ(SQL_C_SBIGINT, values[6].type);
-    EXPECT_EQ(-9, values[6].bigintValue);
-    EXPECT_FALSE(values[7].null);
-    EXPECT_EQ(L"", values[7].text);
-    EXPECT_EQ(L"word", values[8].text);
-
+    Strings described;
+    for (const TypedValue& v : values) described.push_back(Describe(v));
+    EXPECT_EQ((Strings{L"long:1", L"text:pear", L"null", L"double:2.25", L"char:abc", L"double:3.5", L"bigint:-9",
+                       L"text:", L"text:word"}),
+              described);
     EXPECT_FALSE(ParseBind(L"long:1 long:x", values, error));
     EXPECT_NE(std::wstring::npos, error.find(L"value 2")) << error;
     EXPECT_TRUE(values.empty());
@@ -230,13 +188,8 @@ TEST(KvnsqlBind, ValuesByBlanksOrCommasWithNulls) {
 TEST(KvnsqlBind, TimestampsWithAndWithoutTimeAndFraction) {
     KvnTimestamp t{};
     ASSERT_TRUE(ParseTimestamp(L"2024-02-29T23:59:58.25", t));
-    EXPECT_EQ(2024, +t.year);
-    EXPECT_EQ(2u, +t.month);
-    EXPECT_EQ(29u, +t.day);
-    EXPECT_EQ(23u, +t.hour);
-    EXPECT_EQ(59u, +t.minute);
-    EXPECT_EQ(58u, +t.second);
-    EXPECT_EQ(250000000u, +t.fraction);
+    EXPECT_EQ(std::make_tuple(2024, 2, 29, 23, 59, 58, 250000000),
+              std::make_tuple(+t.year, +t.month, +t.day, +t.hour, +t.minute, +t.second, +t.fraction));
     ASSERT_TRUE(ParseTimestamp(L"1999-12-31", t));
     EXPECT_EQ(0u, +t.hour);
     EXPECT_EQ(0u, +t.fraction);
@@ -249,9 +202,7 @@ TEST(KvnsqlBind, TimestampsWithAndWithoutTimeAndFraction) {
     }
 }
 
-// ---- Statements ------------------------------------------------------------------------------
-
-TEST(KvnsqlStatements, SemicolonsOutsideQuotesAndCommentsEndStatements) {
+TEST(KvnsqlStatements, SemicolonsOutsideQuotesCommentsAndDollarBodiesEndStatements) {
     StatementSplitter s;
     EXPECT_TRUE(s.AddLine(L"insert into t values ('a;b', \"c;d\", 'it''s;') -- x; y").empty());
     EXPECT_TRUE(s.Pending());
@@ -264,21 +215,18 @@ TEST(KvnsqlStatements, SemicolonsOutsideQuotesAndCommentsEndStatements) {
     EXPECT_TRUE(s.AddLine(L"3").empty());
     EXPECT_EQ((Strings{L"select\n3"}), Texts(s.Finish()));
     EXPECT_TRUE(s.Finish().empty());
-}
 
-TEST(KvnsqlStatements, DollarQuotedBodiesKeepTheirSemicolons) {
     const std::wstring body =
         L"create function f(inout q int) as $body$ begin q := q * 2; end $body$ language plpgsql";
     EXPECT_EQ((Strings{body, L"select $1, a$b$ from t", L"select $$;$$"}),
               Texts(SplitText(body + L";\nselect $1, a$b$ from t; select $$;$$;")));
-    StatementSplitter s;
     EXPECT_TRUE(s.AddLine(L"do $$ begin").empty());
     EXPECT_TRUE(s.AddLine(L"").empty());
     EXPECT_TRUE(s.AddLine(L"  perform 1;").empty());
     EXPECT_EQ((Strings{L"do $$ begin\n\n  perform 1;\nend $$"}), Texts(s.AddLine(L"end $$;")));
 }
 
-TEST(KvnsqlStatements, BlankLinesEndStatementsExceptInsideQuotesOrComments) {
+TEST(KvnsqlStatements, BlankLinesAndBackslashCommandsCountOnlyOutsideQuotesAndComments) {
     StatementSplitter s;
     s.AddLine(L"select 'two");
     EXPECT_TRUE(s.AddLine(L"").empty());
@@ -287,15 +235,11 @@ TEST(KvnsqlStatements, BlankLinesEndStatementsExceptInsideQuotesOrComments) {
     s.AddLine(L"delete /* a");
     EXPECT_TRUE(s.AddLine(L"").empty());
     EXPECT_EQ((Strings{L"delete /* a\n\n*/ from t"}), Texts(s.AddLine(L"*/ from t;")));
-}
 
-TEST(KvnsqlStatements, BackslashLinesAreCommandsOnlyBetweenStatements) {
-    StatementSplitter s;
     EXPECT_EQ((Strings{L"\\bind long:1"}), Texts(s.AddLine(L"  \\bind long:1  ")));
     s.AddLine(L"select '");
     EXPECT_TRUE(s.AddLine(L"\\x").empty());  // inside a quote: text
     EXPECT_EQ((Strings{L"select '\n\\x\n'"}), Texts(s.AddLine(L"';")));
-
     EXPECT_EQ((Strings{L"create table t (a int)", L"\\exists t", L"select 1", L"\\columns t;"}),
               Texts(SplitText(L"create table t (a int);\n\\exists t\nselect 1; \\columns t;")));
     // Comments alone are no statement: never sent, and no obstacle to a command.
@@ -304,14 +248,12 @@ TEST(KvnsqlStatements, BackslashLinesAreCommandsOnlyBetweenStatements) {
                               L"-- second\n select 2 /* two */;")));
     std::wstring name, arguments;
     SplitCommand(L"COLUMNS   fruit ; ", name, arguments);
-    EXPECT_EQ(L"columns", name);
-    EXPECT_EQ(L"fruit", arguments);
+    EXPECT_EQ((Strings{L"columns", L"fruit"}), (Strings{name, arguments}));
     SplitCommand(L"quit", name, arguments);
-    EXPECT_EQ(L"quit", name);
-    EXPECT_EQ(L"", arguments);
+    EXPECT_EQ((Strings{L"quit", L""}), (Strings{name, arguments}));
 }
 
-TEST(KvnsqlStatements, StatementsThatReturnRows) {
+TEST(KvnsqlStatements, StatementsThatReturnRowsAndTheirColumnNames) {
     for (const wchar_t* sql : {L"select 1", L"  SELECT * from t", L"-- note\n/* c */ (select 1)",
                                L"with x as (select 1) select * from x", L"values (1)",
                                L"pragma table_info(t)", L"explain select 1", L"show tables"}) {
@@ -321,9 +263,7 @@ TEST(KvnsqlStatements, StatementsThatReturnRows) {
                                L"-- select"}) {
         EXPECT_FALSE(ReturnsRows(sql)) << sql;
     }
-}
 
-TEST(KvnsqlStatements, ColumnNamesOfSimpleSelects) {
     std::wstring table;
     EXPECT_EQ((Strings{L"id", L"name", L"total", L"n", L"Price Label", L"upper(name)", L"a + b"}),
               SelectColumnNames(L"SELECT DISTINCT f.id, \"name\", sum(x) AS total, count(*) n, "
@@ -331,11 +271,9 @@ TEST(KvnsqlStatements, ColumnNamesOfSimpleSelects) {
                                 table));
     EXPECT_EQ(L"", table);
     EXPECT_EQ((Strings{L"1", L"s"}), SelectColumnNames(L"select 1, 'x' as s;", table));
-    EXPECT_EQ((Strings{L"k"}),
-              SelectColumnNames(L"select case when a then 1 else 2 end k from t", table));
+    EXPECT_EQ((Strings{L"k"}), SelectColumnNames(L"select case when a then 1 else 2 end k from t", table));
     EXPECT_EQ((Strings{L"case when a then 1 else 2 end"}),
               SelectColumnNames(L"select case when a then 1 else 2 end from t", table));
-
     EXPECT_TRUE(SelectColumnNames(L"select * from \"my fruit\" where id > 2", table).empty());
     EXPECT_EQ(L"my fruit", table);
     EXPECT_TRUE(SelectColumnNames(L"SELECT * FROM main.fruit;", table).empty());
@@ -348,8 +286,6 @@ TEST(KvnsqlStatements, ColumnNamesOfSimpleSelects) {
         EXPECT_EQ(L"", table) << sql;
     }
 }
-
-// ---- Results as text ------------------------------------------------------------------------
 
 TEST(KvnsqlTable, AlignedColumnsWithNullsNumbersRightAndEscapedControls) {
     ResultTable t;
@@ -366,40 +302,35 @@ TEST(KvnsqlTable, AlignedColumnsWithNullsNumbersRightAndEscapedControls) {
               FormatTable(t, L"NULL"));
     EXPECT_EQ(L"(1 row, 2.5 ms)", RowCountLine(1, 2.46));
     EXPECT_EQ(L"(0 rows, 0.0 ms)", RowCountLine(0, 0));
-}
-
-TEST(KvnsqlTable, CellTextOfEveryValueType) {
-    CParam v;
-    v.cType = SQL_C_LONG;
-    v.valNum.lVal = -42;
-    EXPECT_EQ(L"-42", CellText(v));
-    v.cType = SQL_C_SBIGINT;
-    v.valNum.llVal = 9007199254740993LL;
-    EXPECT_EQ(L"9007199254740993", CellText(v));
-    v.cType = SQL_C_DOUBLE;
-    v.valNum.dVal = 0.1;
-    EXPECT_EQ(L"0.1", CellText(v));
-    v.cType = SQL_C_TIMESTAMP;
-    v.dateValeur = KvnTimestamp{2024, 2, 29, 7, 5, 9, 0};
-    EXPECT_EQ(L"2024-02-29 07:05:09", CellText(v));
-    v.dateValeur.fraction = 120000000;
-    EXPECT_EQ(L"2024-02-29 07:05:09.12", CellText(v));
-    v.cType = SQL_C_WCHAR;
-    EXPECT_EQ(L"", CellText(v));  // no text at all
-    v.pszValeur = new wchar_t[3]{L'h', L'i', 0};
-    EXPECT_EQ(L"hi", CellText(v));
-    v.cType = SQL_C_CHAR;
-    EXPECT_EQ(L"hi", CellText(v));
-    EXPECT_TRUE(IsNumericType(SQL_C_DOUBLE));
-    EXPECT_FALSE(IsNumericType(SQL_C_TIMESTAMP));
-}
-
-TEST(KvnsqlTable, ListsSplitOnTheServicesSeparator) {
+    // Lists the service separates with ';' (or ',' and blanks).
     EXPECT_EQ((Strings{L"id", L"name", L"price"}), SplitList(L"id;name; price;"));
     EXPECT_EQ((Strings{L"INTEGER", L"VARCHAR(20)"}), SplitList(L"INTEGER,VARCHAR(20)"));
     EXPECT_EQ((Strings{L"a b", L"c"}), SplitList(L"a b\tc"));
     EXPECT_EQ((Strings{L"only"}), SplitList(L" only "));
     EXPECT_TRUE(SplitList(L"").empty());
+}
+
+TEST(KvnsqlTable, CellTextOfEveryValueType) {
+    auto cell = [](int type, auto set) {
+        CParam v;
+        v.cType = static_cast<signed char>(type);
+        set(v);
+        return CellText(v);
+    };
+    EXPECT_EQ(L"-42", cell(SQL_C_LONG, [](CParam& v) { v.valNum.lVal = -42; }));
+    EXPECT_EQ(L"9007199254740993", cell(SQL_C_SBIGINT, [](CParam& v) { v.valNum.llVal = 9007199254740993LL; }));
+    EXPECT_EQ(L"0.1", cell(SQL_C_DOUBLE, [](CParam& v) { v.valNum.dVal = 0.1; }));
+    EXPECT_EQ(L"2024-02-29 07:05:09",
+              cell(SQL_C_TIMESTAMP, [](CParam& v) { v.dateValeur = KvnTimestamp{2024, 2, 29, 7, 5, 9, 0}; }));
+    EXPECT_EQ(L"2024-02-29 07:05:09.12", cell(SQL_C_TIMESTAMP, [](CParam& v) {
+                  v.dateValeur = KvnTimestamp{2024, 2, 29, 7, 5, 9, 120000000};
+              }));
+    EXPECT_EQ(L"", cell(SQL_C_WCHAR, [](CParam&) {}));  // no text at all
+    for (int type : {SQL_C_WCHAR, SQL_C_CHAR}) {
+        EXPECT_EQ(L"hi", cell(type, [](CParam& v) { v.pszValeur = new wchar_t[3]{L'h', L'i', 0}; }));
+    }
+    EXPECT_TRUE(IsNumericType(SQL_C_DOUBLE));
+    EXPECT_FALSE(IsNumericType(SQL_C_TIMESTAMP));
 }
 
 }  // namespace

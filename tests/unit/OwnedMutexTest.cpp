@@ -4,13 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/TestUtil.h"
+#include "UnitUtil.h"
 #include "diag/Log.h"
 #include "diag/OwnedMutex.h"
 #include "platform/DebugOutput.h"
@@ -21,107 +19,62 @@ namespace {
 
 using kvntest::Clock;
 using kvntest::MsSince;
+using kvnunit::WaitFor;
 
-struct Captured {
-    std::mutex lock;
-    std::vector<std::wstring> texts;
-
-    static void Hook(const wchar_t* text, void* context) {
-        Captured* self = static_cast<Captured*>(context);
-        std::lock_guard<std::mutex> guard(self->lock);
-        self->texts.push_back(text);
-    }
-    std::vector<std::wstring> Get() {
-        std::lock_guard<std::mutex> guard(lock);
-        return texts;
-    }
-};
-
-// Polls cond every millisecond for at most 5 s.
-template <typename Cond>
-bool WaitFor(Cond cond) {
-    for (int i = 0; i < 5000; ++i) {
-        if (cond()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return cond();
-}
-
-// A thread that takes the mutex as "Holder", stays inside its section until
-// told to leave, then unlocks, or ends without unlocking.
+// A thread of the layer's own that takes the mutex under `name`, stays inside
+// its section until told to leave, then unlocks, or ends without unlocking.
 struct Holder {
-    COwnedMutex* mutex = nullptr;
-    const wchar_t* name = L"Holder";
+    COwnedMutex& mutex;
+    const wchar_t* name;
     bool unlockOnLeave = true;
     std::atomic<bool> inside{false};
     std::atomic<bool> leave{false};
     HANDLE thread = nullptr;
 
+    explicit Holder(COwnedMutex& m, const wchar_t* n = L"Holder", bool unlock = true)
+        : mutex(m), name(n), unlockOnLeave(unlock) {
+        thread = KvnBeginThreadEx(&Run, this);
+        EXPECT_TRUE(WaitFor([&] { return inside.load(); }));
+    }
     static unsigned Run(void* arg) {
         Holder* self = static_cast<Holder*>(arg);
-        if (!LockOwnedMutex(*self->mutex, 5000, self->name)) return 1;
+        if (!LockOwnedMutex(self->mutex, 5000, self->name)) return 1;
         self->inside = true;
         WaitFor([&] { return self->leave.load(); });
         self->inside = false;
-        if (self->unlockOnLeave) UnlockOwnedMutex(*self->mutex);
+        if (self->unlockOnLeave) UnlockOwnedMutex(self->mutex);
         return 0;
-    }
-    void Start(COwnedMutex& m) {
-        mutex = &m;
-        thread = KvnBeginThreadEx(&Run, this);
-        ASSERT_NE(thread, nullptr);
-        ASSERT_TRUE(WaitFor([&] { return inside.load(); }));
     }
     void Leave() {
         leave = true;
-        Join();
-    }
-    void Join() {
         if (!thread) return;
         KvnWaitForSingleObject(thread, 10000);
         KvnCloseHandle(thread);
         thread = nullptr;
     }
-    ~Holder() {
-        leave = true;
-        Join();
-    }
+    ~Holder() { Leave(); }
 };
 
-class OwnedMutexTest : public ::testing::Test {
+class OwnedMutexTest : public kvnunit::CapturedLogTest {
 protected:
     void SetUp() override {
-        KvnResetLogForTests();
+        CapturedLogTest::SetUp();
         InitLog(4, nullptr, 0);
-        KvnSetTraceFileHook(&Captured::Hook, &log_);
-        KvnSetDebugOutputHook(&Captured::Hook, &debugger_);
-    }
-    void TearDown() override {
-        KvnSetTraceFileHook(nullptr, nullptr);
-        KvnSetDebugOutputHook(nullptr, nullptr);
-        KvnResetLogForTests();
     }
 
     // Every reported line goes to the log at level 4 and, after a line
     // break, to the debugger output.
     void ExpectLines(const std::vector<std::wstring>& lines) {
-        EXPECT_EQ(log_.Get(), lines);
+        EXPECT_EQ(trace_.Get(), lines);
         std::vector<std::wstring> debug;
         for (const auto& line : lines) debug.push_back(L"\r\n" + line);
         EXPECT_EQ(debugger_.Get(), debug);
     }
-
-    Captured log_;
-    Captured debugger_;
 };
 
 TEST_F(OwnedMutexTest, AHolderThatEndsWithoutUnlockingHandsTheLockOnAtOnce) {
     COwnedMutex m;
-    Holder holder;
-    holder.unlockOnLeave = false;
-    holder.Start(m);
-    holder.Leave();
-
+    Holder(m, L"Holder", false).Leave();
     const auto start = Clock::now();
     EXPECT_EQ(LockOwnedMutex(m, 2000, L"Suivant"), 1);
     EXPECT_LT(MsSince(start), 1000);
@@ -133,9 +86,7 @@ TEST_F(OwnedMutexTest, AHolderThatEndsWithoutUnlockingHandsTheLockOnAtOnce) {
 TEST_F(OwnedMutexTest, ThreeFailuresAreReportedAndTheFourthRecreatesTheMutex) {
     COwnedMutex m;
     const HANDLE original = m.GetHandle();
-    Holder holder;
-    holder.Start(m);
-
+    Holder holder(m);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(LockOwnedMutex(m, 50, L"CNewQuillonFifo::GetFifo"), 0);
     EXPECT_EQ(m.ErrCount.load(), 3);
 
@@ -153,7 +104,8 @@ TEST_F(OwnedMutexTest, ThreeFailuresAreReportedAndTheFourthRecreatesTheMutex) {
     EXPECT_NE(m.GetHandle(), original);
     EXPECT_EQ(m.ErrCount.load(), 0);
     const std::wstring failure = L"CNewQuillonFifo::GetFifo ERROR (#-1) Locked by Holder";
-    ExpectLines({failure, failure, failure, L"CNewQuillonFifo::GetFifo Mutex Re-CREATED   ErrCount >= 3 "});
+    ExpectLines(
+        {failure, failure, failure, L"CNewQuillonFifo::GetFifo Mutex Re-CREATED   ErrCount >= 3 "});
     wchar_t lockedBy[KVN_OWNED_MUTEX_NAME_LEN];
     m.GetLockedBy(lockedBy);
     EXPECT_STREQ(lockedBy, L"CNewQuillonFifo::GetFifo");
@@ -162,15 +114,13 @@ TEST_F(OwnedMutexTest, ThreeFailuresAreReportedAndTheFourthRecreatesTheMutex) {
 
 TEST_F(OwnedMutexTest, ASectionStillHeldAcrossARecreationIsNotShared) {
     COwnedMutex m;
-    Holder holder;
-    holder.Start(m);
-
+    Holder holder(m);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(LockOwnedMutex(m, 30, L"AddFifo"), 0);
     // The fourth failure replaces the mutex, but the holder is still inside.
     EXPECT_EQ(LockOwnedMutex(m, 100, L"AddFifo"), 0);
     EXPECT_TRUE(holder.inside);
     EXPECT_EQ(m.ErrCount.load(), 4);
-    const auto lines = log_.Get();
+    const auto lines = trace_.Get();
     ASSERT_EQ(lines.size(), 5u);
     EXPECT_EQ(lines[3], L"AddFifo Mutex Re-CREATED  But Still failed !!! ErrCount >= 3 ");
     EXPECT_EQ(lines[4], L"AddFifo ERROR (#-1) Locked by Holder");
@@ -181,34 +131,22 @@ TEST_F(OwnedMutexTest, ASectionStillHeldAcrossARecreationIsNotShared) {
     UnlockOwnedMutex(m);
 }
 
-TEST_F(OwnedMutexTest, ACallerWithoutANameIsNeitherReportedNorCounted) {
-    COwnedMutex m;
-    Holder holder;
-    holder.Start(m);
-    EXPECT_EQ(LockOwnedMutex(m, 20, L"GetSize"), 0);
-    EXPECT_EQ(m.ErrCount.load(), 1);
-
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(LockOwnedMutex(m, 20, nullptr), 0);
-    EXPECT_EQ(m.ErrCount.load(), 1);
-    ExpectLines({L"GetSize ERROR (#-1) Locked by Holder"});
-}
-
-TEST_F(OwnedMutexTest, AFailureAfterAnUnlockNamesNoHolder) {
+TEST_F(OwnedMutexTest, AFailureAfterAnUnlockNamesNoHolderAndACallerWithoutANameIsNotCounted) {
     COwnedMutex m;
     ASSERT_EQ(LockOwnedMutex(m, 100, L"Premier"), 1);
     UnlockOwnedMutex(m);
 
-    Holder anonymous;
-    anonymous.name = nullptr;
-    anonymous.Start(m);
+    Holder anonymous(m, nullptr);
     EXPECT_EQ(LockOwnedMutex(m, 20, L"Second"), 0);
+    EXPECT_EQ(m.ErrCount.load(), 1);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(LockOwnedMutex(m, 20, nullptr), 0);
+    EXPECT_EQ(m.ErrCount.load(), 1);
     ExpectLines({L"Second ERROR (#-1) Locked by "});
 }
 
 TEST_F(OwnedMutexTest, AnInvalidHandleIsReplacedAtOnce) {
     COwnedMutex m;
     KvnCloseHandle(m.GetHandle());
-
     const auto start = Clock::now();
     EXPECT_EQ(LockOwnedMutex(m, 2000, L"ResetFifo"), 1);
     EXPECT_LT(MsSince(start), 1000);
@@ -219,17 +157,15 @@ TEST_F(OwnedMutexTest, AnInvalidHandleIsReplacedAtOnce) {
 TEST_F(OwnedMutexTest, ManyThreadsNeverShareTheSectionWhileTheMutexIsRecreated) {
     g_logLevel = 0;  // the debugger output still counts the re-creations
     COwnedMutex m;
-    const int kThreads = 4;
-    const int kEntries = 8;
+    const int kThreads = 4, kEntries = 8;
     int counter = 0;  // plain on purpose: only the section guards it
     std::atomic<int> insideNow{0};
     std::atomic<bool> overlap{false};
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&] {
-            int entries = 0;
             const auto start = Clock::now();
-            while (entries < kEntries && MsSince(start) < 10000) {
+            for (int entries = 0; entries < kEntries && MsSince(start) < 10000;) {
                 // Time limits far below the holding time: failures pile up
                 // and the mutex is re-created again and again.
                 if (!LockOwnedMutex(m, 2, L"Worker")) continue;
@@ -243,14 +179,9 @@ TEST_F(OwnedMutexTest, ManyThreadsNeverShareTheSectionWhileTheMutexIsRecreated) 
         });
     }
     for (auto& thread : threads) thread.join();
-
     EXPECT_FALSE(overlap);
     EXPECT_EQ(counter, kThreads * kEntries);
-    int recreations = 0;
-    for (const auto& line : debugger_.Get()) {
-        if (line.find(L"Re-CREATED") != std::wstring::npos) ++recreations;
-    }
-    EXPECT_GT(recreations, 0);
+    EXPECT_GT(debugger_.Containing(L"Re-CREATED").size(), 0u);
 }
 
 }  // namespace

@@ -5,13 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/TestUtil.h"
+#include "UnitUtil.h"
 #include "platform/Kernel.h"
 #include "platform/Sockets.h"
 #include "platform/Threads.h"
@@ -21,76 +20,53 @@ namespace {
 using kvntest::Clock;
 using kvntest::MsSince;
 
-bool IsOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
+const DWORD kTimeout = WAIT_TIMEOUT;
 
-// A connected pair on loopback; closes what is still open at the end.
+bool IsOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
+void Close(SOCKET& s) {
+    if (IsOpen(s)) KvnCloseSocket(s);
+    s = INVALID_SOCKET;
+}
+
+// A connected pair on loopback, with a socket event selected for FD_READ and
+// FD_CLOSE on the server end; closes what is still open at the end.
 struct Link {
     SOCKET client = INVALID_SOCKET;
     SOCKET server = INVALID_SOCKET;
+    WSAEVENT event = KvnCreateSocketEvent();
 
     Link() {
         SOCKET listening = KvnTcpListen(KvnLoopbackAddress(), 0, 4);
-        if (listening == INVALID_SOCKET) return;
         client = KvnTcpSocket();
-        if (KvnConnect(client, KvnLoopbackAddress(), KvnGetLocalPort(listening)) == 0) {
+        if (KvnConnect(client, KvnLoopbackAddress(), KvnGetLocalPort(listening)) == 0)
             server = KvnAccept(listening, 2000);
-        }
         KvnCloseSocket(listening);
     }
     ~Link() {
-        CloseClient();
-        CloseServer();
+        Close(client);
+        Close(server);
+        if (KvnIsHandleOpen(event)) KvnCloseSocketEvent(event);
     }
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
-
     bool Up() const { return IsOpen(client) && IsOpen(server); }
-    void CloseClient() {
-        if (IsOpen(client)) KvnCloseSocket(client);
-        client = INVALID_SOCKET;
+    bool Select() { return KvnSocketEventSelect(server, event, FD_READ | FD_CLOSE) == 0; }
+    // The network events recorded since the last call, and the close error.
+    long Take(int* closeError = nullptr) {
+        long events = -1;
+        int error = -1;
+        EXPECT_EQ(KvnEnumNetworkEvents(server, event, &events, &error), 0);
+        if (closeError) *closeError = error;
+        return events;
     }
-    void CloseServer() {
-        if (IsOpen(server)) KvnCloseSocket(server);
-        server = INVALID_SOCKET;
-    }
+    DWORD Wait(DWORD ms) { return KvnWaitForSingleObject(event, ms); }
 };
-
-// A port on which nothing listens any more.
-unsigned short ClosedPort() {
-    SOCKET listening = KvnTcpListen(KvnLoopbackAddress(), 0, 1);
-    unsigned short port = KvnGetLocalPort(listening);
-    KvnCloseSocket(listening);
-    return port;
-}
 
 // Reads everything the socket has now (it must be non-blocking).
 std::string ReadAvailable(SOCKET s) {
     std::string text;
     char buffer[256];
-    int n;
-    while ((n = KvnRecv(s, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
+    for (int n; (n = KvnRecv(s, buffer, sizeof buffer)) > 0;)
+        text.append(buffer, static_cast<size_t>(n));
     return text;
-}
-
-struct SocketEvent {
-    WSAEVENT h = KvnCreateSocketEvent();
-    ~SocketEvent() {
-        if (KvnIsHandleOpen(h)) KvnCloseSocketEvent(h);
-    }
-    SocketEvent() = default;
-    SocketEvent(const SocketEvent&) = delete;
-    SocketEvent& operator=(const SocketEvent&) = delete;
-};
-
-struct NetworkEvents {
-    long events = -1;
-    int closeError = -1;
-};
-
-NetworkEvents Enumerate(SOCKET s, WSAEVENT e) {
-    NetworkEvents n;
-    EXPECT_EQ(KvnEnumNetworkEvents(s, e, &n.events, &n.closeError), 0);
-    return n;
 }
 
 class PlatformSockets : public ::testing::Test {
@@ -105,31 +81,7 @@ protected:
 
 // ---- Connections -------------------------------------------------------------------
 
-TEST_F(PlatformSockets, AConnectionOnLoopbackCarriesBytesBothWaysAndEndsInZero) {
-    Link link;
-    ASSERT_TRUE(link.Up());
-    EXPECT_EQ(KvnSetSocketOption(link.client, KVN_TCP_NODELAY, 1), 0);
-
-    ASSERT_EQ(KvnSend(link.client, "hello", 5), 5);
-    char buffer[16] = {};
-    ASSERT_EQ(KvnWaitReadable(link.server, 2000), 1);
-    int got = 0;
-    while (got < 5) {
-        int n = KvnRecv(link.server, buffer + got, 5 - got);
-        ASSERT_GT(n, 0);
-        got += n;
-    }
-    EXPECT_EQ(std::string(buffer, 5), "hello");
-    EXPECT_EQ(KvnSend(link.server, "ok", 2), 2);
-    EXPECT_EQ(KvnWaitReadable(link.client, 2000), 1);
-    EXPECT_EQ(KvnRecv(link.client, buffer, sizeof buffer), 2);
-
-    link.CloseClient();
-    EXPECT_EQ(KvnWaitReadable(link.server, 2000), 1);
-    EXPECT_EQ(KvnRecv(link.server, buffer, sizeof buffer), 0);
-}
-
-TEST_F(PlatformSockets, AcceptGivesUpAfterItsTimeOut) {
+TEST_F(PlatformSockets, AcceptGivesUpAfterItsTimeOutAndARefusedConnectionIsReportedAsRefused) {
     SOCKET listening = KvnTcpListen(KvnLoopbackAddress(), 0, 1);
     ASSERT_NE(listening, INVALID_SOCKET);
     EXPECT_NE(KvnGetLocalPort(listening), 0);
@@ -138,13 +90,9 @@ TEST_F(PlatformSockets, AcceptGivesUpAfterItsTimeOut) {
     EXPECT_GE(MsSince(start), 14);
     EXPECT_LT(MsSince(start), 1000);
     KvnCloseSocket(listening);
-}
 
-TEST_F(PlatformSockets, ARefusedConnectionIsReportedAsRefused) {
-    const unsigned short port = ClosedPort();
-
+    const unsigned short port = kvnunit::ClosedPort();
     SOCKET blocking = KvnTcpSocket();
-    ASSERT_TRUE(IsOpen(blocking));
     EXPECT_EQ(KvnConnect(blocking, KvnLoopbackAddress(), port), -1);
     EXPECT_EQ(KvnSocketError(), WSAECONNREFUSED);
     KvnCloseSocket(blocking);
@@ -164,23 +112,18 @@ TEST_F(PlatformSockets, ARefusedConnectionIsReportedAsRefused) {
 TEST_F(PlatformSockets, SendingToAPeerThatWentAwayFailsWithoutEndingTheProcess) {
     Link link;
     ASSERT_TRUE(link.Up());
-    link.CloseClient();
+    Close(link.client);
     int result = 0;
-    for (int i = 0; i < 200 && result >= 0; ++i) {
-        result = KvnSend(link.server, "x", 1);
-        if (result >= 0) KvnSleep(1);
-    }
+    for (int i = 0; i < 200 && result >= 0; ++i)
+        if ((result = KvnSend(link.server, "x", 1)) >= 0) KvnSleep(1);
     ASSERT_EQ(result, -1);
     const int error = KvnSocketError();
-    EXPECT_TRUE(error == WSAECONNRESET || error == WSAECONNABORTED || error == WSAESHUTDOWN)
-        << error;
+    EXPECT_TRUE(error == WSAECONNRESET || error == WSAECONNABORTED || error == WSAESHUTDOWN) << error;
 }
 
-TEST_F(PlatformSockets, DatagramsReachABoundSocket) {
+TEST_F(PlatformSockets, DatagramsReachABoundSocketAndAddressesResolveToIPv4) {
     SOCKET receiver = KvnUdpSocket();
     SOCKET sender = KvnUdpSocket();
-    ASSERT_TRUE(IsOpen(receiver));
-    ASSERT_TRUE(IsOpen(sender));
     ASSERT_EQ(KvnBind(receiver, KvnLoopbackAddress(), 0), 0);
     const unsigned short port = KvnGetLocalPort(receiver);
     ASSERT_NE(port, 0);
@@ -191,9 +134,7 @@ TEST_F(PlatformSockets, DatagramsReachABoundSocket) {
     EXPECT_EQ(std::memcmp(buffer, "beat", 4), 0);
     KvnCloseSocket(sender);
     KvnCloseSocket(receiver);
-}
 
-TEST_F(PlatformSockets, AddressesAreReadAsInetAddrAndResolvedToIPv4) {
     EXPECT_EQ(KvnInetAddr("127.0.0.1"), KvnLoopbackAddress());
     EXPECT_EQ(KvnInetAddr("255.255.255.255"), 0xFFFFFFFFu);
     EXPECT_EQ(KvnInetAddr("not.an.address"), 0xFFFFFFFFu);
@@ -207,60 +148,56 @@ TEST_F(PlatformSockets, AddressesAreReadAsInetAddrAndResolvedToIPv4) {
 
 TEST_F(PlatformSockets, DataIsFdReadUntilAllOfItIsReadThenThePeersCloseIsFdCloseOnce) {
     Link link;
-    ASSERT_TRUE(link.Up());
-    SocketEvent e;
-    ASSERT_EQ(KvnSocketEventSelect(link.server, e.h, FD_READ | FD_CLOSE), 0);
-    EXPECT_EQ(KvnWaitForSingleObject(e.h, 0), static_cast<DWORD>(WAIT_TIMEOUT));
-
+    ASSERT_TRUE(link.Up() && link.Select());
+    EXPECT_EQ(link.Wait(0), kTimeout);
+    EXPECT_EQ(KvnSetSocketOption(link.client, KVN_TCP_NODELAY, 1), 0);
     ASSERT_EQ(KvnSend(link.client, "0123456789", 10), 10);
-    ASSERT_EQ(KvnWaitForSingleObject(e.h, 2000), WAIT_OBJECT_0);
-    NetworkEvents n = Enumerate(link.server, e.h);
-    EXPECT_EQ(n.events, FD_READ);
+    ASSERT_EQ(link.Wait(2000), WAIT_OBJECT_0);
+    EXPECT_EQ(link.Wait(0), WAIT_OBJECT_0);  // manual reset
+    // A reset event loses nothing: the recorded events are still there to take.
+    EXPECT_TRUE(KvnResetSocketEvent(link.event));
+    EXPECT_EQ(link.Wait(0), kTimeout);
+    EXPECT_EQ(link.Take(), FD_READ);
 
     // Part of the data read: the rest is reported again.
     char buffer[16];
     ASSERT_EQ(KvnRecv(link.server, buffer, 4), 4);
-    ASSERT_EQ(KvnWaitForSingleObject(e.h, 2000), WAIT_OBJECT_0);
-    EXPECT_EQ(Enumerate(link.server, e.h).events, FD_READ);
+    ASSERT_EQ(link.Wait(2000), WAIT_OBJECT_0);
+    EXPECT_EQ(link.Take(), FD_READ);
     EXPECT_EQ(ReadAvailable(link.server), "456789");
-    EXPECT_EQ(KvnWaitForSingleObject(e.h, 30), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(link.Wait(30), kTimeout);
 
-    link.CloseClient();
-    ASSERT_EQ(KvnWaitForSingleObject(e.h, 2000), WAIT_OBJECT_0);
-    n = Enumerate(link.server, e.h);
-    EXPECT_EQ(n.events, FD_CLOSE);
-    EXPECT_EQ(n.closeError, 0);
+    Close(link.client);
+    ASSERT_EQ(link.Wait(2000), WAIT_OBJECT_0);
+    int closeError = -1;
+    EXPECT_EQ(link.Take(&closeError), FD_CLOSE);
+    EXPECT_EQ(closeError, 0);
     EXPECT_EQ(KvnRecv(link.server, buffer, sizeof buffer), 0);
-
     // Never again.
-    EXPECT_EQ(KvnWaitForSingleObject(e.h, 30), static_cast<DWORD>(WAIT_TIMEOUT));
-    EXPECT_EQ(Enumerate(link.server, e.h).events, 0);
+    EXPECT_EQ(link.Wait(30), kTimeout);
+    EXPECT_EQ(link.Take(), 0);
 }
 
 TEST_F(PlatformSockets, APeerThatClosesRightAfterSendingIsSeenClosedOnlyOnceItsDataIsRead) {
     Link link;
-    ASSERT_TRUE(link.Up());
-    SocketEvent e;
-    ASSERT_EQ(KvnSocketEventSelect(link.server, e.h, FD_READ | FD_CLOSE), 0);
+    ASSERT_TRUE(link.Up() && link.Select());
     const std::string sent(3000, 'k');
-    ASSERT_EQ(KvnSend(link.client, sent.data(), static_cast<int>(sent.size())),
-              static_cast<int>(sent.size()));
-    link.CloseClient();
+    ASSERT_EQ(KvnSend(link.client, sent.data(), 3000), 3000);
+    Close(link.client);
     KvnSleep(20);  // data and close have both arrived
 
-    std::string received;
+    std::string received, receivedAtClose;
     std::vector<long> sets;
-    std::string receivedAtClose;
-    for (int pass = 0; pass < 50; ++pass) {
-        if (KvnWaitForSingleObject(e.h, 2000) != WAIT_OBJECT_0) break;
-        NetworkEvents n = Enumerate(link.server, e.h);
-        sets.push_back(n.events);
-        if (n.events & FD_CLOSE) {
-            EXPECT_EQ(n.closeError, 0);
+    for (int pass = 0; pass < 50 && link.Wait(2000) == WAIT_OBJECT_0; ++pass) {
+        int closeError = -1;
+        const long events = link.Take(&closeError);
+        sets.push_back(events);
+        if (events & FD_CLOSE) {
+            EXPECT_EQ(closeError, 0);
             receivedAtClose = received;
         }
-        if (n.events & FD_READ) received += ReadAvailable(link.server);
-        if (n.events & FD_CLOSE) break;
+        if (events & FD_READ) received += ReadAvailable(link.server);
+        if (events & FD_CLOSE) break;
     }
     EXPECT_EQ(received, sent);
     ASSERT_FALSE(sets.empty());
@@ -271,61 +208,42 @@ TEST_F(PlatformSockets, APeerThatClosesRightAfterSendingIsSeenClosedOnlyOnceItsD
     EXPECT_EQ(receivedAtClose, sent);
     for (long set : sets) EXPECT_TRUE(set == FD_READ || set == FD_CLOSE) << set;
 #endif
-    EXPECT_EQ(KvnWaitForSingleObject(e.h, 30), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(link.Wait(30), kTimeout);
 }
 
 TEST_F(PlatformSockets, AResetConnectionIsFdCloseWithItsError) {
     Link link;
-    ASSERT_TRUE(link.Up());
-    SocketEvent e;
-    ASSERT_EQ(KvnSocketEventSelect(link.server, e.h, FD_READ | FD_CLOSE), 0);
+    ASSERT_TRUE(link.Up() && link.Select());
     // Closing with unread data resets the connection.
     ASSERT_EQ(KvnSend(link.server, "unread", 6), 6);
     ASSERT_EQ(KvnWaitReadable(link.client, 2000), 1);
-    link.CloseClient();
+    Close(link.client);
 
-    ASSERT_EQ(KvnWaitForSingleObject(e.h, 2000), WAIT_OBJECT_0);
-    NetworkEvents n = Enumerate(link.server, e.h);
-    EXPECT_EQ(n.events, FD_CLOSE);
+    ASSERT_EQ(link.Wait(2000), WAIT_OBJECT_0);
+    int e = -1;
+    EXPECT_EQ(link.Take(&e), FD_CLOSE);
 #if defined(_WIN32)
-    // Some WinSock implementations (Wine's among them) report a reset as a
-    // plain close.
-    EXPECT_TRUE(n.closeError == WSAECONNRESET || n.closeError == WSAECONNABORTED ||
-                n.closeError == 0) << n.closeError;
+    // Some WinSock implementations (Wine's among them) report a reset as a plain close.
+    EXPECT_TRUE(e == WSAECONNRESET || e == WSAECONNABORTED || e == 0) << e;
 #else
-    EXPECT_TRUE(n.closeError == WSAECONNRESET || n.closeError == WSAECONNABORTED) << n.closeError;
+    EXPECT_TRUE(e == WSAECONNRESET || e == WSAECONNABORTED) << e;
 #endif
-    EXPECT_EQ(KvnWaitForSingleObject(e.h, 30), static_cast<DWORD>(WAIT_TIMEOUT));
-}
-
-TEST_F(PlatformSockets, ASetSocketEventStaysSetUntilItsEventsAreTaken) {
-    Link link;
-    ASSERT_TRUE(link.Up());
-    SocketEvent e;
-    ASSERT_EQ(KvnSocketEventSelect(link.server, e.h, FD_READ | FD_CLOSE), 0);
-    ASSERT_EQ(KvnSend(link.client, "x", 1), 1);
-    ASSERT_EQ(KvnWaitForSingleObject(e.h, 2000), WAIT_OBJECT_0);
-    EXPECT_EQ(KvnWaitForSingleObject(e.h, 0), WAIT_OBJECT_0);  // manual reset
-    EXPECT_TRUE(KvnResetSocketEvent(e.h));
-    EXPECT_EQ(KvnWaitForSingleObject(e.h, 0), static_cast<DWORD>(WAIT_TIMEOUT));
-    // The network events recorded before the reset are still there to take.
-    EXPECT_EQ(Enumerate(link.server, e.h).events, FD_READ);
+    EXPECT_EQ(link.Wait(30), kTimeout);
 }
 
 TEST_F(PlatformSockets, ClosingTheSocketUnderAWaitingThreadEndsTheConnectionAtOnce) {
     Link link;
     ASSERT_TRUE(link.Up());
-    SocketEvent e;
-    ASSERT_EQ(KvnSocketEventSelect(link.client, e.h, FD_READ | FD_CLOSE), 0);
-    HANDLE stop = KvnCreateEvent(TRUE, FALSE);
+    ASSERT_EQ(KvnSocketEventSelect(link.client, link.event, FD_READ | FD_CLOSE), 0);
+    kvntest::Handle stop(KvnCreateEvent(TRUE, FALSE));
     std::atomic<DWORD> result{WAIT_FAILED};
     std::thread waiter([&] {
-        const HANDLE handles[] = {e.h, stop};
+        const HANDLE handles[] = {link.event, stop};
         result = KvnWaitForMultipleObjects(2, handles, 5000);
     });
     KvnSleep(20);
 
-    link.CloseClient();
+    Close(link.client);
     // The peer sees the end at once, while the thread still waits.
     const auto start = Clock::now();
     EXPECT_EQ(KvnWaitReadable(link.server, 1000), 1);
@@ -338,7 +256,6 @@ TEST_F(PlatformSockets, ClosingTheSocketUnderAWaitingThreadEndsTheConnectionAtOn
     waiter.join();
     EXPECT_EQ(result.load(), WAIT_OBJECT_0 + 1);
     EXPECT_LT(MsSince(start), 2000);
-    KvnCloseHandle(stop);
 }
 
 }  // namespace

@@ -4,34 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "UnitUtil.h"
 #include "client/CNewQuillonFifo.h"
 #include "platform/DebugOutput.h"
 #include "platform/Kernel.h"
 
 namespace {
-
-struct Lines {
-    std::mutex lock;
-    std::vector<std::wstring> texts;
-
-    static void Hook(const wchar_t* text, void* context) {
-        Lines* self = static_cast<Lines*>(context);
-        std::lock_guard<std::mutex> guard(self->lock);
-        self->texts.push_back(text);
-    }
-    std::vector<std::wstring> Containing(const wchar_t* part) {
-        std::lock_guard<std::mutex> guard(lock);
-        std::vector<std::wstring> found;
-        for (const auto& t : texts)
-            if (t.find(part) != std::wstring::npos) found.push_back(t);
-        return found;
-    }
-};
 
 std::string Text(const BYTE* data, int len) {
     return std::string(reinterpret_cast<const char*>(data), static_cast<size_t>(len));
@@ -41,93 +23,82 @@ int Add(CNewQuillonFifo& fifo, const std::string& s) {
     return fifo.AddFifo(reinterpret_cast<const BYTE*>(s.data()), static_cast<int>(s.size()));
 }
 
-TEST(QuillonFifo, BlocksComeOutInOrderAsCopies) {
+// The next block's text, or "(none)".
+std::string Next(CNewQuillonFifo& fifo) {
+    int len = 0;
+    const BYTE* p = fifo.GetFifo(len);
+    return p ? Text(p, len) : "(none)";
+}
+
+TEST(QuillonFifo, BlocksComeOutInOrderAsCopiesAndNothingIsQueuedForNullOrEmptyBlocks) {
     CNewQuillonFifo fifo;
     int len = -7;
     EXPECT_EQ(nullptr, fifo.GetFifo(len));
     EXPECT_EQ(-7, len) << "an empty queue leaves the length alone";
+    const BYTE byte = 1;
+    EXPECT_EQ(0, fifo.AddFifo(nullptr, 4));
+    EXPECT_EQ(0, fifo.AddFifo(&byte, 0));
+    EXPECT_EQ(0, fifo.AddFifo(&byte, -3));
+    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), KvnWaitForSingleObject(fifo.GetEventNotEmpty(), 0));
 
     char first[] = "first block";
     EXPECT_EQ(1, fifo.AddFifo(reinterpret_cast<BYTE*>(first), 11));
     first[0] = 'X';  // the queue holds its own copy
     EXPECT_EQ(2, Add(fifo, "second"));
     EXPECT_EQ(3, Add(fifo, "3"));
-    EXPECT_EQ(3, fifo.GetSize());
     EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), KvnWaitForSingleObject(fifo.GetEventNotEmpty(), 0));
-
-    const BYTE* a = fifo.GetFifo(len);
-    ASSERT_NE(nullptr, a);
-    EXPECT_EQ("first block", Text(a, len));
+    EXPECT_EQ("first block", Next(fifo));
     EXPECT_EQ(2, fifo.GetSize());
     const BYTE* b = fifo.GetFifo(len);
     ASSERT_NE(nullptr, b);
     EXPECT_EQ("second", Text(b, len));
+    EXPECT_EQ(1, fifo.GetSize());
     // The block handed out last stays valid until the next GetFifo.
     EXPECT_EQ("second", Text(b, len));
-    const BYTE* c = fifo.GetFifo(len);
-    ASSERT_NE(nullptr, c);
-    EXPECT_EQ("3", Text(c, len));
-    EXPECT_EQ(nullptr, fifo.GetFifo(len));
+    EXPECT_EQ("3", Next(fifo));
+    EXPECT_EQ("(none)", Next(fifo));
     EXPECT_EQ(0, fifo.GetSize());
-
     // The queue works again after it ran empty.
     EXPECT_EQ(1, Add(fifo, "again"));
-    ASSERT_NE(nullptr, c = fifo.GetFifo(len));
-    EXPECT_EQ("again", Text(c, len));
-}
+    EXPECT_EQ("again", Next(fifo));
 
-TEST(QuillonFifo, NothingIsQueuedForANullPointerOrAnEmptyCount) {
-    CNewQuillonFifo fifo;
-    const BYTE byte = 1;
-    EXPECT_EQ(0, fifo.AddFifo(nullptr, 4));
-    EXPECT_EQ(0, fifo.AddFifo(&byte, 0));
-    EXPECT_EQ(0, fifo.AddFifo(&byte, -3));
-    EXPECT_EQ(0, fifo.GetSize());
-    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), KvnWaitForSingleObject(fifo.GetEventNotEmpty(), 0));
-}
-
-TEST(QuillonFifo, ResetEmptiesTheQueueAndTheBlockHandedOut) {
-    CNewQuillonFifo fifo;
+    // Reset empties the queue and the block handed out.
     for (int i = 0; i < 5; ++i) Add(fifo, "block " + std::to_string(i));
-    int len = 0;
-    ASSERT_NE(nullptr, fifo.GetFifo(len));
+    ASSERT_EQ("block 0", Next(fifo));
     fifo.ResetFifo();
     EXPECT_EQ(0, fifo.GetSize());
-    EXPECT_EQ(nullptr, fifo.GetFifo(len));
+    EXPECT_EQ("(none)", Next(fifo));
     EXPECT_EQ(1, Add(fifo, "after"));
-    const BYTE* p = fifo.GetFifo(len);
-    ASSERT_NE(nullptr, p);
-    EXPECT_EQ("after", Text(p, len));
+    EXPECT_EQ("after", Next(fifo));
     // Destroyed with blocks still queued: the sanitizer builds see no leak.
     Add(fifo, "left");
     Add(fifo, "behind");
 }
 
 TEST(QuillonFifo, ASizeLineMarksEachNewThousand) {
-    Lines lines;
-    KvnSetDebugOutputHook(&Lines::Hook, &lines);
+    kvnunit::Captured lines;
+    KvnSetDebugOutputHook(&kvnunit::Captured::Hook, &lines);
+    auto sizeLines = [&] { return lines.Containing(L"element dans le fifo"); };
     {
         CNewQuillonFifo fifo;
         const BYTE block[16] = {};
-        for (int i = 0; i < 999; ++i) fifo.AddFifo(block, 16);
-        EXPECT_TRUE(lines.Containing(L"element dans le fifo").empty());
-        fifo.AddFifo(block, 16);
-        ASSERT_EQ(1u, lines.Containing(L"element dans le fifo").size());
-        EXPECT_EQ(L"\r\n 1000 element dans le fifo  ", lines.Containing(L"element dans le fifo")[0]);
-
-        for (int i = 0; i < 1000; ++i) fifo.AddFifo(block, 16);
-        ASSERT_EQ(2u, lines.Containing(L"element dans le fifo").size());
-        EXPECT_EQ(L"\r\n 2000 element dans le fifo  ", lines.Containing(L"element dans le fifo")[1]);
-
+        auto add = [&](int n) {
+            for (int i = 0; i < n; ++i) fifo.AddFifo(block, 16);
+        };
+        add(999);
+        EXPECT_TRUE(sizeLines().empty());
+        add(1);
+        add(1000);
+        EXPECT_EQ(sizeLines(), (std::vector<std::wstring>{L"\r\n 1000 element dans le fifo  ",
+                                                          L"\r\n 2000 element dans le fifo  "}));
         // The threshold never comes down: draining to 500 and climbing back
         // to 2999 writes nothing more.
-        int len = 0;
-        for (int i = 0; i < 1500; ++i) fifo.GetFifo(len);
-        for (int i = 0; i < 2499; ++i) fifo.AddFifo(block, 16);
+        for (int i = 0; i < 1500; ++i) Next(fifo);
+        add(2499);
         EXPECT_EQ(2999, fifo.GetSize());
-        EXPECT_EQ(2u, lines.Containing(L"element dans le fifo").size());
-        fifo.AddFifo(block, 16);
-        EXPECT_EQ(3u, lines.Containing(L"element dans le fifo").size());
+        EXPECT_EQ(2u, sizeLines().size());
+        add(1);
+        EXPECT_EQ(3u, sizeLines().size());
     }
     KvnSetDebugOutputHook(nullptr, nullptr);
 }

@@ -43,64 +43,47 @@ int FirstColumn(CSelectBuffer& buffer) {
     return p->valNum.lVal;
 }
 
-TEST(SelectBuffer, EmptyBufferHasNothingToFetchOrRead) {
-    CSelectBuffer buffer;
-    int remaining = 77;
-    EXPECT_EQ(KVN_NO_DATA, buffer.Fetch(remaining));
-    EXPECT_EQ(77, remaining);
-    CParam* p = reinterpret_cast<CParam*>(0x1);
-    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(1, &p));
-    EXPECT_EQ(reinterpret_cast<CParam*>(0x1), p);
-    EXPECT_EQ(0, buffer.GetNbLigne());
+// Fetches and returns the first column of the new current row, or -1.
+int FetchFirst(CSelectBuffer& buffer, int& remaining) {
+    return buffer.Fetch(remaining) == 0 ? FirstColumn(buffer) : -1;
 }
 
-TEST(SelectBuffer, FetchWalksThreeRowsAndDropsEachAfterItWasCurrent) {
+TEST(SelectBuffer, FetchWalksTheRowsAndDropsEachAfterItWasCurrent) {
     CSelectBuffer buffer;
+    int remaining = 77;
+    CParam* p = reinterpret_cast<CParam*>(0x1);
+    EXPECT_EQ(KVN_NO_DATA, buffer.Fetch(remaining));
+    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(1, &p));
+    EXPECT_EQ(77, remaining);
+    EXPECT_EQ(reinterpret_cast<CParam*>(0x1), p);
+
     for (int i = 1; i <= 3; i++) EXPECT_EQ(0, buffer.AddLigne(Row(i)));
     EXPECT_EQ(3, buffer.GetNbLigne());
-
-    int remaining = -1;
-    ASSERT_EQ(0, buffer.Fetch(remaining));
-    EXPECT_EQ(2, remaining);
-    EXPECT_EQ(1, FirstColumn(buffer)); // nothing deleted by the first Fetch
-    EXPECT_EQ(2, buffer.GetNbLigne());
-
-    ASSERT_EQ(0, buffer.Fetch(remaining));
-    EXPECT_EQ(1, remaining);
-    EXPECT_EQ(2, FirstColumn(buffer));
-
-    ASSERT_EQ(0, buffer.Fetch(remaining));
-    EXPECT_EQ(0, remaining);
-    EXPECT_EQ(3, FirstColumn(buffer));
-    EXPECT_EQ(0, buffer.GetNbLigne());
-
+    for (int i = 1; i <= 3; i++) {
+        EXPECT_EQ(i, FetchFirst(buffer, remaining));  // the first Fetch deletes nothing
+        EXPECT_EQ(3 - i, remaining);
+        EXPECT_EQ(3 - i, buffer.GetNbLigne());
+    }
     remaining = 55;
     EXPECT_EQ(KVN_NO_DATA, buffer.Fetch(remaining));
     EXPECT_EQ(55, remaining);
     EXPECT_EQ(0, buffer.GetNbLigne());
     EXPECT_EQ(-1, FirstColumn(buffer));
-}
 
-TEST(SelectBuffer, RowsAppendedAfterTheCurrentRowFollowIt) {
-    CSelectBuffer buffer;
-    buffer.AddLigne(Row(1));
-    int remaining = 0;
-    ASSERT_EQ(0, buffer.Fetch(remaining));
-    EXPECT_EQ(0, buffer.GetNbLigne());
-    // The next block arrives while row 1 is current.
-    buffer.AddLigne(Row(2));
-    buffer.AddLigne(Row(3));
+    // Rows appended while the last one is current follow it.
+    buffer.AddLigne(Row(4));
+    ASSERT_EQ(4, FetchFirst(buffer, remaining));
+    buffer.AddLigne(Row(5));
+    buffer.AddLigne(Row(6));
     EXPECT_EQ(2, buffer.GetNbLigne());
-    ASSERT_EQ(0, buffer.Fetch(remaining));
+    EXPECT_EQ(5, FetchFirst(buffer, remaining));
     EXPECT_EQ(1, remaining);
-    EXPECT_EQ(2, FirstColumn(buffer));
 }
 
 TEST(SelectBuffer, GetDataReadsTheHeadRowWithinItsColumns) {
     CSelectBuffer buffer;
     buffer.AddLigne(Row(9));
     buffer.AddLigne(Row(10));
-
     // Before any Fetch the head row is read.
     CParam* p = nullptr;
     ASSERT_EQ(0, buffer.GetData(1, &p));
@@ -109,13 +92,10 @@ TEST(SelectBuffer, GetDataReadsTheHeadRowWithinItsColumns) {
     EXPECT_STREQ(L"row", p->pszValeur);
 
     CParam* untouched = reinterpret_cast<CParam*>(0x1);
-    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(0, &untouched));
-    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(-1, &untouched));
-    EXPECT_EQ(KVN_NO_DATA, buffer.GetData(3, &untouched));
+    for (int column : {0, -1, 3})
+        EXPECT_EQ(KVN_NO_DATA, buffer.GetData(column, &untouched)) << column;
     EXPECT_EQ(reinterpret_cast<CParam*>(0x1), untouched);
-
-    // Reading changes nothing in the queue.
-    EXPECT_EQ(2, buffer.GetNbLigne());
+    EXPECT_EQ(2, buffer.GetNbLigne());  // reading changes nothing in the queue
 }
 
 TEST(SelectBuffer, SuppLigneAndVideBufferEmptyTheQueue) {
@@ -124,16 +104,15 @@ TEST(SelectBuffer, SuppLigneAndVideBufferEmptyTheQueue) {
     buffer.AddLigne(Row(2));
     int remaining = 0;
     buffer.Fetch(remaining);
-    buffer.SuppLigne(); // drops the head row; row 2 now stands where the current row was
+    buffer.SuppLigne();  // drops the head row; row 2 now stands where the current row was
     EXPECT_EQ(2, FirstColumn(buffer));
     EXPECT_EQ(0, buffer.GetNbLigne());
-    buffer.SuppLigne(); // the queue is empty: nothing is current any more
+    buffer.SuppLigne();  // the queue is empty: nothing is current any more
     EXPECT_EQ(-1, FirstColumn(buffer));
-    buffer.SuppLigne(); // on an empty queue: nothing happens
+    buffer.SuppLigne();  // on an empty queue: nothing happens
     buffer.AddLigne(Row(5));
     EXPECT_EQ(1, buffer.GetNbLigne());
-    ASSERT_EQ(0, buffer.Fetch(remaining));
-    EXPECT_EQ(5, FirstColumn(buffer));
+    EXPECT_EQ(5, FetchFirst(buffer, remaining));
 
     buffer.AddLigne(Row(3));
     buffer.SetLastLigne();
@@ -141,13 +120,11 @@ TEST(SelectBuffer, SuppLigneAndVideBufferEmptyTheQueue) {
     buffer.VideBuffer();
     EXPECT_EQ(0, buffer.GetNbLigne());
     EXPECT_EQ(0, buffer.IsLastLigne());
-    EXPECT_EQ(1, buffer.IsCurrentReceptLine()); // the receiver's flag is its own
+    EXPECT_EQ(1, buffer.IsCurrentReceptLine());  // the receiver's flag is its own
     EXPECT_EQ(KVN_NO_DATA, buffer.Fetch(remaining));
-
     // After VideBuffer the next row appended is delivered by the first Fetch.
     buffer.AddLigne(Row(4));
-    ASSERT_EQ(0, buffer.Fetch(remaining));
-    EXPECT_EQ(4, FirstColumn(buffer));
+    EXPECT_EQ(4, FetchFirst(buffer, remaining));
 }
 
 TEST(SelectRow, CopiesOwnTheirValues) {
@@ -157,28 +134,21 @@ TEST(SelectRow, CopiesOwnTheirValues) {
     {
         CLigneSelect copy(original);
         ASSERT_EQ(2, copy.GetNbColonnes());
-        EXPECT_EQ(5, static_cast<int>(copy.GetParam(1)->valNum.lVal));
-        EXPECT_STREQ(L"texte", copy.GetParam(2)->pszValeur);
         const wchar_t* mine = copy.GetParam(2)->pszValeur;  // packed fields: read by value
         const wchar_t* theirs = original.GetParam(2)->pszValeur;
         EXPECT_NE(theirs, mine);
-    }
-    {
         CLigneSelect assigned;
-        assigned.AddParam(LongValue(1));
-        assigned.AddParam(LongValue(2));
-        assigned.AddParam(LongValue(3));
-        assigned = original; // the three earlier values are released
+        for (int i = 1; i <= 3; ++i) assigned.AddParam(LongValue(i));
+        assigned = copy;  // the three earlier values are released
         ASSERT_EQ(2, assigned.GetNbColonnes());
+        EXPECT_EQ(5, static_cast<int>(assigned.GetParam(1)->valNum.lVal));
         EXPECT_STREQ(L"texte", assigned.GetParam(2)->pszValeur);
     }
     // The copies are gone; the original is intact.
     ASSERT_EQ(2, original.GetNbColonnes());
-    EXPECT_EQ(5, static_cast<int>(original.GetParam(1)->valNum.lVal));
     EXPECT_STREQ(L"texte", original.GetParam(2)->pszValeur);
     EXPECT_EQ(nullptr, original.GetParam(0));
     EXPECT_EQ(nullptr, original.GetParam(3));
-
     original.VideLigne();
     EXPECT_EQ(0, original.GetNbColonnes());
 }
@@ -194,18 +164,15 @@ TEST(SelectBuffer, RowsAppendedFromAnotherThreadArriveInOrder) {
         buffer.SetLastLigne();
         buffer.SetCurrentRecept(0);
     });
-
-    int expected = 1;
-    int remaining = 0;
+    int expected = 1, remaining = 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (expected <= kRows && std::chrono::steady_clock::now() < deadline) {
-        if (buffer.GetNbLigne() > 0) {
-            ASSERT_EQ(0, buffer.Fetch(remaining));
-            ASSERT_EQ(expected, FirstColumn(buffer));
-            expected++;
-        } else {
+        if (buffer.GetNbLigne() == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            continue;
         }
+        ASSERT_EQ(expected, FetchFirst(buffer, remaining));
+        expected++;
     }
     receiver.join();
     EXPECT_EQ(kRows + 1, expected);
@@ -213,4 +180,4 @@ TEST(SelectBuffer, RowsAppendedFromAnotherThreadArriveInOrder) {
     EXPECT_EQ(1, buffer.IsLastLigne());
 }
 
-} // namespace
+}  // namespace

@@ -2,93 +2,59 @@
 // they reach the request log, and the names of the function codes.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <korvane/CMsgSocket.h>
 
+#include "UnitUtil.h"
 #include "diag/Log.h"
 
 namespace {
+
+using Lines = std::vector<std::string>;
 
 class TracedMsg : public CMsgSocket {
 public:
     using CMsgSocket::AfficheMessage;
 };
 
-// The request log of one test, in the temporary folder, read back line by line.
+// The request log of one test, read back line by line.
 class MessageTrace : public ::testing::Test {
 protected:
-    void StartLog(int level) {
-        auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-        m_path = std::filesystem::temp_directory_path() /
-                 ("kvn_trace_" + std::to_string(stamp) + "_" +
-                  ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".log");
-        InitLog(level, m_path.wstring().c_str(), 0);
-    }
+    void StartLog(int level) { InitLog(level, path_.wstring().c_str(), 0); }
+    void TearDown() override { KvnResetLogForTests(); }
 
-    void TearDown() override {
-        KvnResetLogForTests();
-        std::error_code ignored;
-        std::filesystem::remove(m_path, ignored);
-    }
-
-    std::string Raw() {
-        std::ifstream in(m_path, std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
+    std::string Raw() { return kvnunit::ReadFile(path_); }
 
     // The logged lines, without the blank that the request log puts in front
     // of each and without its line ends.
-    std::vector<std::string> Lines() {
-        std::vector<std::string> lines;
+    Lines Logged() {
+        Lines lines;
         std::stringstream s(Raw());
-        std::string line;
-        while (std::getline(s, line, '\n')) {
+        for (std::string line; std::getline(s, line, '\n');) {
             std::string text;
             for (char c : line)
                 if (c != '\r') text += c;
             if (text.empty()) continue;
-            if (text[0] == ' ') text.erase(0, 1);
-            lines.push_back(text);
+            lines.push_back(text[0] == ' ' ? text.substr(1) : text);
         }
         return lines;
     }
 
-    std::filesystem::path m_path;
+    kvnunit::TempDir dir_;
+    std::filesystem::path path_ = dir_.path / "trace.log";
 };
 
-// An EXECUTE answer of five parameters, encoded so that its header is complete.
-void FiveParameters(TracedMsg& m) {
-    m.SetEntete(7, KVN_EXECUTE, 3);
-    const wchar_t* sql = L"SELECT 1";
-    m.AddParametre(SQL_C_WCHAR, 8, sql);
-    std::int32_t twelve = 12, five = 5;
-    double d = 2.5;
-    m.AddParametre(SQL_C_LONG, 0, &twelve);
-    m.AddParametre(SQL_C_LONG, 0, nullptr);
-    m.AddParametre(SQL_C_DOUBLE, 0, &d);
-    m.AddParametre(SQL_C_LONG, 0, &five);
-    m.CreateMessage(-1);
-}
-
-const std::vector<std::string> kHeaderLines = {
-    "   Id Application = 7",   "   Id Connexion = 3", "   Fonction = 101 (KVN_EXECUTE)",
-    "   Nb param = 5",         "   Taille data = 47 bytes", "   unicode = 1",
-};
-
-std::vector<std::string> Join(std::vector<std::vector<std::string>> parts) {
-    std::vector<std::string> all;
+Lines Join(std::vector<Lines> parts) {
+    Lines all;
     for (auto& p : parts) all.insert(all.end(), p.begin(), p.end());
     return all;
 }
+
+const std::string kRule = "----------------------------------------";
 
 }  // namespace
 
@@ -103,33 +69,33 @@ TEST(FunctionNames, WithAndWithoutPrefix) {
     EXPECT_STREQ(L"INCONNUE", GetNomFonction(121, nom, 0));
 }
 
-TEST_F(MessageTrace, BelowLevelSixNothingIsWritten) {
+TEST_F(MessageTrace, NothingBelowLevelSixTheFirstFourValuesAtSixEveryParameterAtSeven) {
     StartLog(5);
+    // An EXECUTE answer of five parameters, encoded so that its header is complete.
     TracedMsg m;
-    FiveParameters(m);
+    m.SetEntete(7, KVN_EXECUTE, 3);
+    std::int32_t twelve = 12, five = 5;
+    double d = 2.5;
+    m.AddParametre(SQL_C_WCHAR, 8, L"SELECT 1");
+    m.AddParametre(SQL_C_LONG, 0, &twelve);
+    m.AddParametre(SQL_C_LONG, 0, nullptr);
+    m.AddParametre(SQL_C_DOUBLE, 0, &d);
+    m.AddParametre(SQL_C_LONG, 0, &five);
+    m.CreateMessage(-1);
     m.AfficheMessage(L"envoi");
-    EXPECT_TRUE(Lines().empty());
-}
+    EXPECT_TRUE(Logged().empty());
 
-TEST_F(MessageTrace, AtLevelSixTheHeaderAndTheFirstFourValues) {
-    StartLog(6);
-    TracedMsg m;
-    FiveParameters(m);
+    g_logLevel = 6;
     m.AfficheMessage(L"envoi");
-    EXPECT_EQ(Join({{"---------------------------------------- envoi"},
-                    kHeaderLines,
-                    {"      Param 0: valeur = SELECT 1", "      Param 1: valeur = 12",
-                     "      Param 2: valeur = NULL", "      Param 3: valeur = 2.500000",
-                     "----------------------------------------"}}),
-              Lines());
-}
-
-TEST_F(MessageTrace, AtLevelSevenEveryParameterInDetail) {
-    StartLog(7);
-    TracedMsg m;
-    FiveParameters(m);
+    g_logLevel = 7;
     m.AfficheMessage(nullptr);
-    EXPECT_EQ(Join({kHeaderLines,
+    const Lines header = {"   Id Application = 7",    "   Id Connexion = 3",
+                          "   Fonction = 101 (KVN_EXECUTE)", "   Nb param = 5",
+                          "   Taille data = 47 bytes", "   unicode = 1"};
+    EXPECT_EQ(Join({{kRule + " envoi"}, header,
+                    {"      Param 0: valeur = SELECT 1", "      Param 1: valeur = 12",
+                     "      Param 2: valeur = NULL", "      Param 3: valeur = 2.500000", kRule},
+                    header,
                     {"      Param 0: type = 248 (SQL_C_CHAR)", "      Param 0: taille = 8",
                      "      Param 0: valeur = SELECT 1",
                      "      Param 1: type = 4 (SQL_C_LONG)", "      Param 1: taille = 4",
@@ -141,31 +107,26 @@ TEST_F(MessageTrace, AtLevelSevenEveryParameterInDetail) {
                      "      Param 3: valeur = 2.500000",
                      "      Param 4: type = 4 (SQL_C_LONG)", "      Param 4: taille = 4",
                      "      Param 4: valeur = 5"}}),
-              Lines());
+              Logged());
 }
 
-TEST_F(MessageTrace, AHeaderOnlyMessageShowsItsSixLines) {
+TEST_F(MessageTrace, AHeaderOnlyMessageShowsItsSixLinesAndFortyParametersAreSqueezed) {
     StartLog(7);
     TracedMsg m;
     m.SetEntete(0, KVN_INIT_APPLICATION, 0);
     m.AfficheMessage(L"init");
-    EXPECT_EQ((std::vector<std::string>{"---------------------------------------- init",
-                                        "   Id Application = 0", "   Id Connexion = 0",
-                                        "   Fonction = 20 (KVN_INIT_APPLICATION)",
-                                        "   Nb param = 0", "   Taille data = 0 bytes",
-                                        "   unicode = 0",
-                                        "----------------------------------------"}),
-              Lines());
-}
+    EXPECT_EQ((Lines{kRule + " init", "   Id Application = 0", "   Id Connexion = 0",
+                     "   Fonction = 20 (KVN_INIT_APPLICATION)", "   Nb param = 0",
+                     "   Taille data = 0 bytes", "   unicode = 0", kRule}),
+              Logged());
 
-TEST_F(MessageTrace, FortyParametersShowThirtyOneThenTheSqueezeLine) {
-    StartLog(7);
-    TracedMsg m;
-    m.SetEntete(7, KVN_GETLINE, 3);
-    for (std::int32_t i = 0; i < 40; ++i) m.AddParametre(SQL_C_LONG, 0, &i);
-    m.AfficheMessage(nullptr);
-    std::vector<std::string> lines = Lines();
-    ASSERT_EQ(6u + 31 * 3 + 1, lines.size());
+    // Forty parameters show thirty-one, then the squeeze line.
+    TracedMsg forty;
+    forty.SetEntete(7, KVN_GETLINE, 3);
+    for (std::int32_t i = 0; i < 40; ++i) forty.AddParametre(SQL_C_LONG, 0, &i);
+    forty.AfficheMessage(nullptr);
+    const Lines lines = Logged();
+    ASSERT_EQ(8u + 6 + 31 * 3 + 1, lines.size());
     EXPECT_EQ("      Param 30: valeur = 30", lines[lines.size() - 2]);
     EXPECT_EQ("ETC...squeeze de 9 param...", lines.back());
 }
@@ -176,15 +137,12 @@ TEST_F(MessageTrace, AVeryLongValueIsCutWithAnEllipsis) {
     StartLog(6);
     TracedMsg m;
     m.SetEntete(7, KVN_EXECUTE, 3);
-    std::wstring text(32500, L'x');
-    m.AddParametre(SQL_C_CHAR, 32500, text.c_str());
+    m.AddParametre(SQL_C_CHAR, 32500, std::wstring(32500, L'x').c_str());
     m.AfficheMessage(nullptr);
-
     // Long lines reach the file in chunks: join them back.
     std::string joined;
     for (char c : Raw())
         if (c != '\r' && c != '\n') joined += c;
-    std::string expected = "Param 0: valeur = " + std::string(32000, 'x') + "...";
-    EXPECT_NE(std::string::npos, joined.find(expected));
+    EXPECT_NE(std::string::npos, joined.find("Param 0: valeur = " + std::string(32000, 'x') + "..."));
     EXPECT_EQ(std::string::npos, joined.find(std::string(32001, 'x')));
 }

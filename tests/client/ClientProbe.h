@@ -1,0 +1,144 @@
+// What the tests of the session, the connections and the supervision share:
+// the client with its insides within reach, a recorder of log and debugger
+// lines, and bounded waits.
+#ifndef KVN_TESTS_CLIENT_CLIENTPROBE_H
+#define KVN_TESTS_CLIENT_CLIENTPROBE_H
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <korvane/CKorvaneClient.h>
+#include <korvane/SockInit.h>
+#include <korvane/platform/NotifyWindow.h>
+
+#include "client/CConnexionKorvane.h"
+#include "client/ClientThreads.h"
+#include "diag/Log.h"
+#include "peer/ScriptedPeer.h"
+#include "platform/DebugOutput.h"
+#include "platform/Kernel.h"
+#include "platform/Threads.h"
+#include "support/TestUtil.h"
+
+namespace probe {
+
+class Client : public CKorvaneClient {
+public:
+    using CKorvaneClient::m_GetLastConnexionList;
+    using CKorvaneClient::m_IncConnected;
+    using CKorvaneClient::m_NotifyComLost;
+    int Open(unsigned short port, HWND hWnd = nullptr, const wchar_t* name = L"Compta",
+             int portLoader = 0) {
+        int dbType = 0;
+        return Init(L"127.0.0.1", port, portLoader, name, dbType, 0, nullptr, hWnd);
+    }
+    int IdApplication() const { return m_nIdApplication; }
+    const CParamComm& ParamComm() const { return m_paramComm; }
+    int NbConnected() const { return m_nNbConnected; }
+    bool AllConnected() const { return m_bAllConnected != FALSE; }
+    int NbRegistered() { return m_listConnexion.GetSize(); }
+    CConnexionKorvane* Connexion(int hCnx) { return m_GetConnexionByIdList(hCnx); }
+    HANDLE PerteCommInterne() const { return m_hEvtPerteCommInterne; }
+    HANDLE StopEvent() const { return m_hEvtStopThreads; }
+    DWORD LastHeartBeat() const { return m_dwLastHeartBeat; }
+    void SetLastHeartBeat(DWORD t) { m_dwLastHeartBeat = t; }
+    bool MainLinkUp() const { return m_bSockPrincipaleConnected != FALSE; }
+    // What a loss of the main link, then its return, do to the connections,
+    // without the main link's own thread.
+    void SetMainLink(bool up) {
+        m_bSockPrincipaleConnected = up ? TRUE : FALSE;
+        if (!up) m_DeconnecteAllConnexionList();
+        m_SignaleLienPrincipal();
+    }
+    // Marks the main link up and starts the heartbeat supervision by hand.
+    void StartHeartBeat(unsigned short port, int periodeMs, int nbPeriodes, int multicast = 0,
+                        const wchar_t* adresse = L"") {
+        m_paramComm.nPortHB = port;
+        m_paramComm.nPeriodeHB = periodeMs;
+        m_paramComm.nNbPeriodeHB = nbPeriodes;
+        m_paramComm.bMulticastHB = multicast;
+        for (size_t i = 0; i < 20 && (i == 0 || adresse[i - 1] != L'\0'); ++i)
+            m_paramComm.szAdresseHB[i] = adresse[i];
+        m_bAppliInitialisee = TRUE;
+        SetMainLink(true);
+        m_hThreadHeartBeat = KvnBeginThreadEx(ThreadHeartBeat, this);
+    }
+    HANDLE HeartBeatThread() const { return m_hThreadHeartBeat; }
+};
+
+inline bool IsSet(HANDLE event, DWORD timeoutMs = 0) {
+    return KvnWaitForSingleObject(event, timeoutMs) == WAIT_OBJECT_0;
+}
+
+// Bounded wait until condition() holds.
+template <class F>
+bool WaitUntil(F condition, long long timeoutMs = peer::kWaitMs) {
+    const kvntest::Clock::time_point start = kvntest::Clock::now();
+    while (!condition()) {
+        if (kvntest::MsSince(start) > timeoutMs) return false;
+        KvnSleep(5);
+    }
+    return true;
+}
+
+// A loopback port on which nothing listens: connects to it are refused at once.
+inline unsigned short ClosedPort() {
+    peer::ScriptedPeer gone;
+    const unsigned short port = gone.Port();
+    gone.Stop();
+    return port;
+}
+
+// Lines handed to the trace file and the debugger output while it lives.
+struct Recorder {
+    std::mutex lock;
+    std::vector<std::wstring> texts;
+
+    Recorder() {
+        KvnSetTraceFileHook(&Hook, this);
+        KvnSetDebugOutputHook(&Hook, this);
+    }
+    ~Recorder() {
+        KvnSetTraceFileHook(nullptr, nullptr);
+        KvnSetDebugOutputHook(nullptr, nullptr);
+        KvnResetLogForTests();
+    }
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+
+    static void Hook(const wchar_t* text, void* context) {
+        Recorder* self = static_cast<Recorder*>(context);
+        std::lock_guard<std::mutex> guard(self->lock);
+        self->texts.push_back(text);
+    }
+    // Lines equal to text, or containing it when partial.
+    int Count(const std::wstring& text, bool partial = false) {
+        std::lock_guard<std::mutex> guard(lock);
+        int n = 0;
+        for (const std::wstring& t : texts)
+            n += (partial ? t.find(text) != std::wstring::npos : t == text) ? 1 : 0;
+        return n;
+    }
+};
+
+// WinSock for the length of a test.
+struct WinSock {
+    WinSock() { SockInitWinSock(); }
+    ~WinSock() { SockCloseWinSock(); }
+};
+
+// The application's window, which the registered messages are posted to.
+struct Window {
+    HWND h = KvnCreateNotifyWindow();
+    ~Window() { KvnDestroyNotifyWindow(h); }
+    // The next message posted, 0 when none came in time.
+    UINT Next(DWORD timeoutMs, WPARAM* wParam, LPARAM* lParam) {
+        UINT msg = 0;
+        return KvnWaitNotifyMessage(h, timeoutMs, &msg, wParam, lParam) ? msg : 0;
+    }
+};
+
+}  // namespace probe
+
+#endif

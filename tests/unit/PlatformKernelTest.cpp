@@ -1,0 +1,370 @@
+// Kernel objects of the platform layer as a thread of the library sees them:
+// events (pending sets, auto-reset consumption, manual reset), waits on one or
+// several handles (array order, time-outs, invalid handles), mutexes
+// (recursion, timed waits, releases by non-holders, abandonment), CMutex,
+// threads and their handles, sleeping and the injectable tick count.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include <korvane/platform/CMutex.h>
+
+#include "support/TestUtil.h"
+#include "platform/Kernel.h"
+#include "platform/Threads.h"
+
+namespace {
+
+using kvntest::Clock;
+using kvntest::Handle;
+using kvntest::MsSince;
+
+const DWORD kTimeout = WAIT_TIMEOUT;
+const DWORD kNotOwner = 288;  // ERROR_NOT_OWNER
+
+// Expects a wait that ended at its time-out of 30 ms. Windows may end a wait
+// up to one clock tick (about 16 ms) early.
+void ExpectThirtyMs(Clock::time_point start) {
+    EXPECT_GE(MsSince(start), 14);
+    EXPECT_LT(MsSince(start), 1000);
+}
+
+// ---- Events --------------------------------------------------------------------
+
+TEST(PlatformEvents, ASetThatNobodyWaitsForStaysPendingUntilOneWaitTakesIt) {
+    Handle e(KvnCreateEvent(FALSE, FALSE));
+    ASSERT_TRUE(KvnIsHandleOpen(e));
+    EXPECT_EQ(KvnWaitForSingleObject(e, 0), kTimeout);
+    EXPECT_TRUE(KvnSetEvent(e));
+    EXPECT_TRUE(KvnSetEvent(e));  // sets do not add up
+    EXPECT_EQ(KvnWaitForSingleObject(e, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(KvnWaitForSingleObject(e, 0), kTimeout);
+
+    Handle initiallySet(KvnCreateEvent(FALSE, TRUE));
+    EXPECT_EQ(KvnWaitForSingleObject(initiallySet, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(KvnWaitForSingleObject(initiallySet, 0), kTimeout);
+
+    EXPECT_TRUE(KvnSetEvent(e));
+    EXPECT_TRUE(KvnResetEvent(e));
+    EXPECT_EQ(KvnWaitForSingleObject(e, 0), kTimeout);
+}
+
+TEST(PlatformEvents, OneSetReleasesOneWaiterOfAnAutoResetEventAndEveryWaiterOfAManualOne) {
+    for (BOOL manual : {FALSE, TRUE}) {
+        SCOPED_TRACE(manual);
+        Handle e(KvnCreateEvent(manual, FALSE));
+        std::atomic<int> released{0};
+        auto waiter = [&] {
+            if (KvnWaitForSingleObject(e, 5000) == WAIT_OBJECT_0) ++released;
+        };
+        std::thread first(waiter), second(waiter);
+        KvnSetEvent(e);
+        if (!manual) {
+            for (int i = 0; i < 2000 && released.load() < 1; ++i) KvnSleep(1);
+            KvnSleep(30);  // time for a wrongly released second waiter to show
+            EXPECT_EQ(released.load(), 1);
+            KvnSetEvent(e);
+        }
+        first.join();
+        second.join();
+        EXPECT_EQ(released.load(), 2);
+        // A manual event stays set until reset.
+        EXPECT_EQ(KvnWaitForSingleObject(e, 0), manual ? WAIT_OBJECT_0 : kTimeout);
+        EXPECT_EQ(KvnWaitForSingleObject(e, 0), manual ? WAIT_OBJECT_0 : kTimeout);
+        KvnResetEvent(e);
+        EXPECT_EQ(KvnWaitForSingleObject(e, 0), kTimeout);
+    }
+}
+
+// ---- Waits ---------------------------------------------------------------------
+
+TEST(PlatformWaitAny, TheFirstSignalledHandleInArrayOrderWinsAndOnlyItIsConsumed) {
+    Handle a(KvnCreateEvent(FALSE, FALSE)), b(KvnCreateEvent(FALSE, FALSE));
+    Handle c(KvnCreateEvent(TRUE, FALSE));
+    const HANDLE all[] = {a, b, c};
+    KvnSetEvent(c);
+    KvnSetEvent(b);
+    EXPECT_EQ(KvnWaitForMultipleObjects(3, all, 0), WAIT_OBJECT_0 + 1);
+    // b was taken; c, passed over, is still set (and manual, so it stays so).
+    EXPECT_EQ(KvnWaitForMultipleObjects(3, all, 0), WAIT_OBJECT_0 + 2);
+    EXPECT_EQ(KvnWaitForMultipleObjects(3, all, 0), WAIT_OBJECT_0 + 2);
+
+    KvnSetEvent(a);
+    KvnSetEvent(b);
+    EXPECT_EQ(KvnWaitForMultipleObjects(3, all, 0), WAIT_OBJECT_0);
+    KvnResetEvent(c);
+    EXPECT_EQ(KvnWaitForMultipleObjects(3, all, 0), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(KvnWaitForMultipleObjects(3, all, 0), kTimeout);
+
+    // A blocked waiter wakes for whichever handle is set, and consumes it.
+    std::thread setter([&] {
+        KvnSleep(20);
+        KvnSetEvent(b);
+    });
+    const auto start = Clock::now();
+    EXPECT_EQ(KvnWaitForMultipleObjects(2, all, 5000), WAIT_OBJECT_0 + 1);
+    EXPECT_LT(MsSince(start), 2000);
+    setter.join();
+    EXPECT_EQ(KvnWaitForSingleObject(b, 0), kTimeout);
+}
+
+TEST(PlatformWaits, ATimedWaitEndsAfterItsTimeOutAndAZeroWaitAtOnce) {
+    Handle a(KvnCreateEvent(FALSE, FALSE)), b(KvnCreateEvent(TRUE, FALSE));
+    const HANDLE both[] = {a, b};
+    auto start = Clock::now();
+    EXPECT_EQ(KvnWaitForSingleObject(a, 30), kTimeout);
+    ExpectThirtyMs(start);
+    start = Clock::now();
+    EXPECT_EQ(KvnWaitForMultipleObjects(2, both, 30), kTimeout);
+    ExpectThirtyMs(start);
+    start = Clock::now();
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(KvnWaitForMultipleObjects(2, both, 0), kTimeout);
+    EXPECT_LT(MsSince(start), 500);
+}
+
+TEST(PlatformWaits, AClosedOrNeverValidHandleFailsWithInvalidHandle) {
+    KvnSetLastError(0);
+    EXPECT_EQ(KvnWaitForSingleObject(nullptr, 0), WAIT_FAILED);
+    EXPECT_EQ(KvnGetLastError(), ERROR_INVALID_HANDLE);
+
+    // Created first: a handle value freed by the close may be given out again.
+    Handle set(KvnCreateEvent(TRUE, TRUE));
+    HANDLE closed = KvnCreateEvent(TRUE, TRUE);
+    ASSERT_TRUE(KvnCloseHandle(closed));
+    KvnSetLastError(0);
+    EXPECT_EQ(KvnWaitForSingleObject(closed, 0), WAIT_FAILED);
+    EXPECT_EQ(KvnGetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_FALSE(KvnSetEvent(closed));
+    EXPECT_FALSE(KvnCloseHandle(closed));
+
+    // One bad handle fails the whole wait, even behind a signalled one.
+    const HANDLE mixed[] = {set, closed};
+    KvnSetLastError(0);
+    EXPECT_EQ(KvnWaitForMultipleObjects(2, mixed, 0), WAIT_FAILED);
+    EXPECT_EQ(KvnGetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(KvnWaitForMultipleObjects(0, mixed, 0), WAIT_FAILED);
+
+    // Closing a handle while another thread waits on it is safe: the wait goes
+    // on to its time-out (or, if it started after the close, fails).
+    HANDLE e = KvnCreateEvent(FALSE, FALSE);
+    std::atomic<DWORD> result{0};
+    std::thread waiter([&] { result = KvnWaitForSingleObject(e, 100); });
+    KvnSleep(20);
+    EXPECT_TRUE(KvnCloseHandle(e));
+    waiter.join();
+    EXPECT_TRUE(result.load() == kTimeout || result.load() == WAIT_FAILED);
+}
+
+// ---- Mutexes -------------------------------------------------------------------
+
+// What another thread gets from a wait on h with the given time-out; it
+// releases what it got.
+DWORD WaitFromAnotherThread(HANDLE h, DWORD timeoutMs) {
+    DWORD result = WAIT_FAILED;
+    std::thread other([&] {
+        result = KvnWaitForSingleObject(h, timeoutMs);
+        if (result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) KvnReleaseMutex(h);
+    });
+    other.join();
+    return result;
+}
+
+TEST(PlatformMutex, TheHolderTakesItAgainAndOnlyItReleasesItAsOftenAsItTookIt) {
+    Handle m(KvnCreateMutex());
+    ASSERT_TRUE(KvnIsHandleOpen(m));
+    KvnSetLastError(0);
+    EXPECT_FALSE(KvnReleaseMutex(m));  // held by nobody
+    EXPECT_EQ(KvnGetLastError(), kNotOwner);
+
+    EXPECT_EQ(KvnWaitForSingleObject(m, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(KvnWaitForSingleObject(m, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitFromAnotherThread(m, 0), kTimeout);
+    BOOL released = TRUE;
+    DWORD error = 0;
+    std::thread other([&] {
+        released = KvnReleaseMutex(m);
+        error = KvnGetLastError();
+    });
+    other.join();
+    EXPECT_FALSE(released);
+    EXPECT_EQ(error, kNotOwner);
+
+    EXPECT_TRUE(KvnReleaseMutex(m));
+    EXPECT_EQ(WaitFromAnotherThread(m, 0), kTimeout);
+    EXPECT_TRUE(KvnReleaseMutex(m));
+    EXPECT_EQ(WaitFromAnotherThread(m, 0), WAIT_OBJECT_0);
+    KvnSetLastError(0);
+    EXPECT_FALSE(KvnReleaseMutex(m));
+    EXPECT_EQ(KvnGetLastError(), kNotOwner);
+}
+
+TEST(PlatformMutex, AWaitFromAnotherThreadEndsAtItsTimeOutOrWhenTheMutexIsReleased) {
+    Handle m(KvnCreateMutex());
+    ASSERT_EQ(KvnWaitForSingleObject(m, 0), WAIT_OBJECT_0);
+    const auto start = Clock::now();
+    EXPECT_EQ(WaitFromAnotherThread(m, 30), kTimeout);
+    ExpectThirtyMs(start);
+
+    std::atomic<DWORD> result{WAIT_FAILED};
+    std::thread waiter([&] {
+        result = KvnWaitForSingleObject(m, 5000);
+        if (result == WAIT_OBJECT_0) KvnReleaseMutex(m);
+    });
+    KvnSleep(20);
+    EXPECT_TRUE(KvnReleaseMutex(m));
+    waiter.join();
+    EXPECT_EQ(result.load(), WAIT_OBJECT_0);
+}
+
+unsigned TakeTwiceAndEnd(void* arg) {
+    KvnWaitForSingleObject(static_cast<HANDLE>(arg), 0);
+    KvnWaitForSingleObject(static_cast<HANDLE>(arg), 0);
+    return 0;
+}
+
+TEST(PlatformMutex, AMutexLeftHeldByAnEndedThreadIsHandedOnAsAbandonedOnce) {
+    Handle m(KvnCreateMutex());
+    // A thread of the layer's own.
+    Handle thread(KvnBeginThreadEx(&TakeTwiceAndEnd, m));
+    ASSERT_EQ(KvnWaitForSingleObject(thread, 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(KvnWaitForSingleObject(m, 0), WAIT_ABANDONED);
+    // The new holder holds it normally, once.
+    EXPECT_TRUE(KvnReleaseMutex(m));
+    EXPECT_FALSE(KvnReleaseMutex(m));
+    EXPECT_EQ(KvnWaitForSingleObject(m, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(KvnReleaseMutex(m));
+
+    // A thread the layer did not start.
+    std::thread([&] { TakeTwiceAndEnd(m); }).join();
+    EXPECT_EQ(KvnWaitForSingleObject(m, 5000), WAIT_ABANDONED);
+    EXPECT_TRUE(KvnReleaseMutex(m));
+    EXPECT_EQ(KvnWaitForSingleObject(m, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(KvnReleaseMutex(m));
+
+    // A waiter blocked on several handles gets it abandoned when the holder ends.
+    Handle taken(KvnCreateEvent(TRUE, FALSE)), go(KvnCreateEvent(TRUE, FALSE));
+    Handle other(KvnCreateEvent(FALSE, FALSE));
+    std::thread holder([&] {
+        KvnWaitForSingleObject(m, 0);
+        KvnSetEvent(taken);
+        KvnWaitForSingleObject(go, 5000);
+    });
+    ASSERT_EQ(KvnWaitForSingleObject(taken, 5000), WAIT_OBJECT_0);
+    const HANDLE handles[] = {other, m};
+    KvnSetEvent(go);
+    const auto start = Clock::now();
+    EXPECT_EQ(KvnWaitForMultipleObjects(2, handles, 5000), WAIT_ABANDONED_0 + 1);
+    EXPECT_LT(MsSince(start), 2000);
+    holder.join();
+    EXPECT_TRUE(KvnReleaseMutex(m));
+}
+
+TEST(PlatformCMutex, LockIsRecursiveTimesOutForOtherThreadsAndSurvivesAHolderThatEnded) {
+    CMutex mutex;
+    ASSERT_TRUE(KvnIsHandleOpen(mutex.GetHandle()));
+    EXPECT_TRUE(mutex.Lock(0));
+    EXPECT_TRUE(mutex.Lock(0));
+    BOOL locked = TRUE;
+    auto start = Clock::now();
+    std::thread([&] { locked = mutex.Lock(30); }).join();
+    EXPECT_FALSE(locked);
+    ExpectThirtyMs(start);
+    EXPECT_TRUE(mutex.Unlock());
+    EXPECT_TRUE(mutex.Unlock());
+    EXPECT_FALSE(mutex.Unlock());
+
+    std::thread([&] {
+        locked = mutex.Lock(1000);
+        if (locked) mutex.Unlock();
+    }).join();
+    EXPECT_TRUE(locked);
+
+    // The previous holder ended without unlocking.
+    std::thread([&] { mutex.Lock(0); }).join();
+    EXPECT_TRUE(mutex.Lock(1000));
+    EXPECT_TRUE(mutex.Unlock());
+}
+
+// ---- Threads and time ------------------------------------------------------------
+
+// What a test thread is given: it waits for `go`, then marks `done`.
+struct Job {
+    HANDLE go = nullptr;
+    HANDLE done = nullptr;
+    std::atomic<bool> finished{false};
+};
+
+unsigned RunJob(void* arg) {
+    Job* job = static_cast<Job*>(arg);
+    KvnSetThreadPriorityBelowNormal();
+    KvnWaitForSingleObject(job->go, 5000);
+    job->finished = true;
+    if (job->done) KvnSetEvent(job->done);
+    return 0;
+}
+
+void RunJobNoResult(void* arg) { RunJob(arg); }
+
+TEST(PlatformThreads, AThreadHandleIsSignalledOnceTheThreadHasEndedAndAThreadRunsWithoutOne) {
+    Handle go(KvnCreateEvent(TRUE, FALSE)), stop(KvnCreateEvent(TRUE, FALSE));
+    Job job;
+    job.go = go;
+    Handle thread(KvnBeginThreadEx(&RunJob, &job));
+    ASSERT_TRUE(KvnIsHandleOpen(thread));
+    const HANDLE handles[] = {stop, thread};
+    EXPECT_EQ(KvnWaitForMultipleObjects(2, handles, 20), kTimeout);
+    EXPECT_FALSE(job.finished.load());
+    KvnSetEvent(go);
+    ASSERT_EQ(KvnWaitForMultipleObjects(2, handles, 5000), WAIT_OBJECT_0 + 1);
+    EXPECT_TRUE(job.finished.load());
+    EXPECT_EQ(KvnWaitForSingleObject(thread, 0), WAIT_OBJECT_0);  // and stays so
+
+    // A thread whose handle is closed while it runs, and one started without
+    // a handle, run to their end.
+    Handle done(KvnCreateEvent(TRUE, FALSE));
+    Job closedJob, plainJob;
+    closedJob.done = plainJob.done = done;
+    KvnResetEvent(go);
+    closedJob.go = plainJob.go = go;
+    HANDLE running = KvnBeginThreadEx(&RunJob, &closedJob);
+    ASSERT_TRUE(KvnIsHandleOpen(running));
+    EXPECT_TRUE(KvnCloseHandle(running));
+    KvnSetEvent(go);
+    EXPECT_EQ(KvnWaitForSingleObject(done, 5000), WAIT_OBJECT_0);
+    KvnResetEvent(done);
+    ASSERT_TRUE(KvnBeginThread(&RunJobNoResult, &plainJob));
+    EXPECT_EQ(KvnWaitForSingleObject(done, 5000), WAIT_OBJECT_0);
+}
+
+std::atomic<DWORD> g_fakeTicks{0};
+DWORD FakeTicks() { return g_fakeTicks.load(); }
+
+TEST(PlatformTime, AnInjectedTickSourceReplacesTheTickCountButNotTheClockOfSleepsAndWaits) {
+    const auto slept = Clock::now();
+    const DWORD before = KvnGetTickCount();
+    KvnSleep(40);
+    const DWORD after = KvnGetTickCount();
+    EXPECT_GE(MsSince(slept), 39);
+    EXPECT_LT(MsSince(slept), 1000);
+    // The Windows tick advances in steps of about 15.6 ms.
+    EXPECT_GE(static_cast<DWORD>(after - before), 20u);  // unsigned: correct across a wrap
+    EXPECT_LT(static_cast<DWORD>(after - before), 1000u);
+
+    g_fakeTicks = 0xFFFFFFF0u;
+    KvnSetTickCountSource(&FakeTicks);
+    EXPECT_EQ(KvnGetTickCount(), 0xFFFFFFF0u);
+    Handle e(KvnCreateEvent(FALSE, FALSE));
+    const auto start = Clock::now();
+    EXPECT_EQ(KvnWaitForSingleObject(e, 30), kTimeout);
+    KvnSleep(10);
+    EXPECT_GE(MsSince(start), 24);
+    EXPECT_EQ(KvnGetTickCount(), 0xFFFFFFF0u);
+    g_fakeTicks = 5;
+    EXPECT_EQ(KvnGetTickCount(), 5u);
+
+    KvnSetTickCountSource(nullptr);
+    EXPECT_LT(static_cast<DWORD>(KvnGetTickCount() - after), 5000u);
+}
+
+}  // namespace
