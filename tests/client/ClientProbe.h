@@ -4,9 +4,12 @@
 #ifndef KVN_TESTS_CLIENT_CLIENTPROBE_H
 #define KVN_TESTS_CLIENT_CLIENTPROBE_H
 
+#include <cwchar>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <korvane/CKorvaneClient.h>
 #include <korvane/SockInit.h>
@@ -34,7 +37,6 @@ public:
         return Init(L"127.0.0.1", port, portLoader, name, dbType, 0, nullptr, hWnd);
     }
     int IdApplication() const { return m_nIdApplication; }
-    const CParamComm& ParamComm() const { return m_paramComm; }
     int NbConnected() const { return m_nNbConnected; }
     bool AllConnected() const { return m_bAllConnected != FALSE; }
     int NbRegistered() { return m_listConnexion.GetSize(); }
@@ -58,8 +60,7 @@ public:
         m_paramComm.nPeriodeHB = periodeMs;
         m_paramComm.nNbPeriodeHB = nbPeriodes;
         m_paramComm.bMulticastHB = multicast;
-        for (size_t i = 0; i < 20 && (i == 0 || adresse[i - 1] != L'\0'); ++i)
-            m_paramComm.szAdresseHB[i] = adresse[i];
+        std::wcsncpy(m_paramComm.szAdresseHB, adresse, 20);  // no terminator when 20 or more
         m_bAppliInitialisee = TRUE;
         SetMainLink(true);
         m_hThreadHeartBeat = KvnBeginThreadEx(ThreadHeartBeat, this);
@@ -88,6 +89,15 @@ inline unsigned short ClosedPort() {
     const unsigned short port = gone.Port();
     gone.Stop();
     return port;
+}
+
+// A service that turns the application away with one value, the reason.
+inline void RefuseApplication(peer::Connection& c) {
+    peer::Message m = c.Expect(KVN_INIT_APPLICATION);
+    if (!m.complete) return;
+    c.Ack(m);
+    c.Answer(peer::Msg(KVN_INIT_APPLICATION, 0, 0, {peer::Long(KVN_ERROR_MAX_CLIENT_ATTEINT)}));
+    c.ExpectClientClose();
 }
 
 // Lines handed to the trace file and the debugger output while it lives.
@@ -132,10 +142,16 @@ struct WinSock {
 struct Window {
     HWND h = KvnCreateNotifyWindow();
     ~Window() { KvnDestroyNotifyWindow(h); }
-    // The next message posted, 0 when none came in time.
-    UINT Next(DWORD timeoutMs, WPARAM* wParam, LPARAM* lParam) {
+    // The next message posted (0 when none came in time), which carries no
+    // parameter.
+    UINT Next(DWORD timeoutMs = 1000) {
         UINT msg = 0;
-        return KvnWaitNotifyMessage(h, timeoutMs, &msg, wParam, lParam) ? msg : 0;
+        WPARAM wParam = 0;
+        LPARAM lParam = 0;
+        if (!KvnWaitNotifyMessage(h, timeoutMs, &msg, &wParam, &lParam)) return 0;
+        EXPECT_EQ(0u, wParam);
+        EXPECT_EQ(0, lParam);
+        return msg;
     }
 };
 

@@ -174,7 +174,7 @@ TEST_F(Dispatch, ValueListsStoreUpToTheirLimitOrTheErrorOrReadAsReceiveError) {
 
 // ---- Rows: the first block of a select -------------------------------------------------------
 
-TEST_F(Dispatch, SelectBlockBuildsCompleteRowsOnlyAndEndsTheResultWithoutMoreRows) {
+TEST_F(Dispatch, SelectBlockReplacesTheRowsWithItsCompleteRowsOnly) {
     OneRowBuffered(999);  // an earlier select's row: replaced
     cnx.m_selectBuffer.SetLastLigne();
     Deliver(KVN_EXECUTESELECT, SelectAnswer(3, 2, 1, Longs(1, 5)));
@@ -189,27 +189,10 @@ TEST_F(Dispatch, SelectBlockBuildsCompleteRowsOnlyAndEndsTheResultWithoutMoreRow
     EXPECT_EQ((std::vector<int>{3, 4}), HeadRow(2));
     EXPECT_EQ(0, buffer.IsLastLigne()) << "the service has more rows";
     EXPECT_EQ(0, buffer.IsCurrentReceptLine());
-
-    Deliver(KVN_EXECUTESELECT, SelectAnswer(1, 3, 0, {Long(7), Text(L"abc"), peer::NullOf(4)}));
-    EXPECT_EQ(1, buffer.GetNbLigne());
-    EXPECT_EQ(1, buffer.IsLastLigne());
-    CParam* p = nullptr;
-    ASSERT_EQ(0, buffer.GetData(2, &p));
-    EXPECT_EQ(std::wstring(L"abc"), std::wstring(p->pszValeur));
-    ASSERT_EQ(0, buffer.GetData(3, &p));
-    EXPECT_NE(0, Read(p->bNull));
 }
 
-TEST_F(Dispatch, EmptyShortAndFailedSelectAnswers) {
-    // No rows: a success with no data, the result is over.
-    OneRowBuffered(999);
-    Deliver(KVN_EXECUTESELECT, SelectAnswer(0, 2, 1, {}));
-    ExpectStored(0, KVN_NO_DATA, 1);
-    EXPECT_EQ(0, cnx.m_selectBuffer.GetNbLigne());
-    EXPECT_EQ(1, cnx.m_selectBuffer.IsLastLigne());
-
+TEST_F(Dispatch, ShortAndMalformedSelectAnswers) {
     // Three parameters: the value is kept, the buffer and its flags are not touched.
-    cnx.m_selectBuffer.VideBuffer();
     OneRowBuffered(999);
     Deliver(KVN_EXECUTESELECT, {Long(0), Long(42), Long(0)});
     ExpectStored(0, 0, 1);
@@ -224,32 +207,12 @@ TEST_F(Dispatch, EmptyShortAndFailedSelectAnswers) {
     EXPECT_EQ(1, cnx.m_selectBuffer.IsLastLigne());
 
     Stale();
-    Deliver(KVN_EXECUTESELECT, {Long(-2), Long(KVN_ERROR_ODBC)});
-    ExpectStored(-2, KVN_ERROR_ODBC, 0);
-    Stale();
     Deliver(KVN_EXECUTESELECT, {Text(L"0"), Long(1), Long(0), Long(1), Long(1), Long(0), Long(1)});
     ExpectMalformed();
     EXPECT_EQ(1, cnx.m_selectBuffer.GetNbLigne()) << "a malformed answer adds no row";
 }
 
 // ---- Rows: the next blocks ------------------------------------------------------------
-
-TEST_F(Dispatch, NextBlockJoinsTheRowsNotYetFetched) {
-    Deliver(KVN_EXECUTESELECT, SelectAnswer(1, 2, 1, Longs(1, 2)));
-    Deliver(KVN_GETLINE, Concat({Long(0), Long(2), Long(2), Long(1)}, Longs(10, 4)));
-    EXPECT_EQ(0, cnx.m_nResultat);
-    EXPECT_TRUE(Signalled());
-    CSelectBuffer& buffer = cnx.m_selectBuffer;
-    EXPECT_EQ(3, buffer.GetNbLigne());
-    EXPECT_EQ(0, buffer.IsLastLigne());
-
-    Deliver(KVN_GETLINE, Concat({Long(0), Long(1), Long(2), Long(0)}, Longs(20, 3)));
-    EXPECT_EQ(4, buffer.GetNbLigne());
-    EXPECT_EQ(1, buffer.IsLastLigne());
-    int remaining = 0;
-    for (int i = 0; i < 4; ++i) buffer.Fetch(remaining);
-    EXPECT_EQ((std::vector<int>{20, 21}), HeadRow(2));
-}
 
 TEST_F(Dispatch, NextBlockWithoutRowsOrWithAnErrorEndsTheRows) {
     const struct {

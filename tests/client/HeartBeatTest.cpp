@@ -20,20 +20,18 @@ protected:
         ASSERT_NE(0, port_);
         sender_.reset(new HeartBeatSender(port_));
     }
+    // A supervisor still running, blocked in its receive, is stopped as
+    // m_CloseThreads asks it: the stop event, then the wait.
     void TearDown() override {
-        if (client.HeartBeatThread() != nullptr) {
-            EXPECT_TRUE(Stop(client));
-        }
+        if (client.HeartBeatThread() == nullptr) return;
+        KvnSetEvent(client.StopEvent());
+        const Clock::time_point start = Clock::now();
+        EXPECT_TRUE(Ended(client));
+        EXPECT_LT(MsSince(start), 1000);
+        KvnResetEvent(client.StopEvent());
     }
     static bool Ended(probe::Client& client, DWORD timeoutMs = 2000) {
         return IsSet(client.HeartBeatThread(), timeoutMs);
-    }
-    // As m_CloseThreads asks it: the stop event, then the wait.
-    static bool Stop(probe::Client& client) {
-        KvnSetEvent(client.StopEvent());
-        const bool ended = Ended(client);
-        KvnResetEvent(client.StopEvent());
-        return ended;
     }
     // A heartbeat goes out until the client has seen one: the receiver may
     // not be bound yet when the first goes out.
@@ -56,12 +54,8 @@ TEST_F(HeartBeat, HeartbeatsSetTheEventAndWhenTheyStopALossComesWithinTheTimeOut
     // back for a few hundred ms).
     client.StartHeartBeat(port_, 100, 10);
     ASSERT_TRUE(FirstHeartBeat());
-    client.SetLastHeartBeat(KvnGetTickCount() - 100000);
-    ASSERT_TRUE(sender_->SendHeartBeat());
-    EXPECT_TRUE(IsSet(client.GetEventHB(), 2000));
-    EXPECT_LT(KvnGetTickCount() - client.LastHeartBeat(), 2000u) << "the time of life is renewed";
 
-    // A steady heartbeat keeps the link over several time-outs.
+    // A steady heartbeat renews the time of life over several time-outs.
     sender_->Start(100);
     EXPECT_FALSE(IsSet(client.GetEventPerteComm(), 1500));
     EXPECT_TRUE(client.IsAppliConnected());
@@ -130,21 +124,15 @@ TEST_F(HeartBeat, AGroupAddressWithoutRoomForItsEndStopsTheSupervisionAndAGoodOn
     EXPECT_TRUE(FirstHeartBeat());
 }
 
-TEST_F(HeartBeat, TheSupervisorEndsPromptlyWhenTheLinkGoesDownOrWhenStopped) {
+// A stop ends it as promptly: see the TearDown.
+TEST_F(HeartBeat, TheSupervisorEndsPromptlyWhenTheLinkGoesDown) {
     client.StartHeartBeat(port_, 100, 5);
     ASSERT_TRUE(FirstHeartBeat());
-    Clock::time_point start = Clock::now();
+    const Clock::time_point start = Clock::now();
     client.SetMainLink(false);
     EXPECT_TRUE(Ended(client));
     EXPECT_LT(MsSince(start), 1000) << "the blocked receive is woken";
     EXPECT_FALSE(IsSet(client.GetEventPerteComm())) << "a loss seen elsewhere is not declared again";
-
-    probe::Client other;
-    other.StartHeartBeat(port_, 100, 5);
-    KvnSleep(100);
-    start = Clock::now();
-    EXPECT_TRUE(Stop(other));
-    EXPECT_LT(MsSince(start), 1000);
 }
 
 }  // namespace

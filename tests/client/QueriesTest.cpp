@@ -25,14 +25,23 @@ class ServiceText : public OperationSession {};
 
 // ---- Bound statements and direct requests ----------------------------------------------
 
-TEST_F(Bind, PositionsFrom1To128) {
-    Open(nullptr);
+TEST_F(Bind, PositionsFrom1To128AndWhatAFailedExecuteBindLeavesInResultat) {
+    Open([](peer::Connection& c) { Serve(c, KVN_EXECUTEBIND, {Long(-2), Long(KVN_ERROR_ODBC)}); });
     int v = 1;
     EXPECT_EQ(KVN_ERROR_UNKNOWN, client.BindParameter(hCnx, 0, SQL_C_LONG, &v, 4));
     EXPECT_EQ(KVN_ERROR_UNKNOWN, client.BindParameter(hCnx, 129, SQL_C_LONG, &v, 4));
     EXPECT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 128, SQL_C_LONG, &v, 4));
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.BindParameter(hCnx + 1, 1, SQL_C_LONG, &v, 4));
     EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 22  "));
+
+    int resultat = 9;
+    EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteBind(hCnx, L"insert", resultat));
+    EXPECT_EQ(0, resultat);
+    resultat = 9;
+    client.SetAllConnected(FALSE);
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.ExecuteBind(hCnx, L"insert", resultat));
+    client.SetAllConnected(TRUE);
+    EXPECT_EQ(9, resultat);
 }
 
 TEST_F(Bind, EveryTypeAndNullTravelInOrder) {
@@ -78,28 +87,14 @@ TEST_F(Bind, EveryTypeAndNullTravelInOrder) {
                                   binds[1]);
 }
 
-TEST_F(Bind, ErrorsOfExecuteBindAndItsResultat) {
-    Open([](peer::Connection& c) { Serve(c, KVN_EXECUTEBIND, {Long(-2), Long(KVN_ERROR_ODBC)}); });
-    int resultat = 9;
-    EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteBind(hCnx, L"insert", resultat));
-    EXPECT_EQ(0, resultat);
-    resultat = 9;
-    client.SetAllConnected(FALSE);
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.ExecuteBind(hCnx, L"insert", resultat));
-    client.SetAllConnected(TRUE);
-    EXPECT_EQ(9, resultat);
-}
-
 TEST_F(Bind, ExecuteRequeteGivesTheStatusOnly) {
     Open([](peer::Connection& c) {
-        peer::Message m = Serve(c, KVN_REQUETE_METABASE, {Long(0)});
+        peer::Message m = Serve(c, KVN_REQUETE_METABASE, {Long(-2), Long(KVN_ERROR_TABLE_NOT_FOUND)});
         EXPECT_EQ(1, m.Count());
         EXPECT_EQ(L"METABASE 1", m.Param(0).AsWide());
-        Serve(c, KVN_REQUETE_METABASE, {Long(-2), Long(KVN_ERROR_TABLE_NOT_FOUND)});
         c.ExpectSilence(200);
     });
-    EXPECT_EQ(KVN_NO_ERROR, client.ExecuteRequete(hCnx, L"METABASE 1"));
-    EXPECT_EQ(KVN_ERROR_TABLE_NOT_FOUND, client.ExecuteRequete(hCnx, L"METABASE 2"));
+    EXPECT_EQ(KVN_ERROR_TABLE_NOT_FOUND, client.ExecuteRequete(hCnx, L"METABASE 1"));
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecuteRequete(hCnx, L""));
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.ExecuteRequete(hCnx + 1, L"METABASE"));
     EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 24  "));
@@ -107,27 +102,18 @@ TEST_F(Bind, ExecuteRequeteGivesTheStatusOnly) {
 
 // ---- Schema questions -------------------------------------------------------------------
 
-TEST_F(Schema, TableAndColumnExistence) {
+TEST_F(Schema, AnyNonZeroAnswerMeansTheTableExistsAndAnErrorLeavesTheAnswerAlone) {
     Open([](peer::Connection& c) {
-        peer::Message m = Serve(c, KVN_EXISTTABLE, {Long(0), Long(0)});
+        peer::Message m = Serve(c, KVN_EXISTTABLE, {Long(0), Long(7)});
         EXPECT_EQ(L"clients", m.Param(0).AsWide());
-        Serve(c, KVN_EXISTTABLE, {Long(0), Long(7)});
         Serve(c, KVN_EXISTTABLE, {Long(-2), Long(KVN_ERROR_TABLE_NOT_FOUND)});
-        m = Serve(c, KVN_EXISTCOLUMN, {Long(0), Long(1)});
-        ASSERT_EQ(2, m.Count());
-        EXPECT_EQ(L"clients", m.Param(0).AsWide());
-        EXPECT_EQ(L"nom", m.Param(1).AsWide());
     });
     int existe = 5;
     EXPECT_EQ(KVN_NO_ERROR, client.IsTableExist(hCnx, L"clients", existe));
-    EXPECT_EQ(0, existe);
-    EXPECT_EQ(KVN_NO_ERROR, client.IsTableExist(hCnx, L"clients", existe));
-    EXPECT_EQ(1, existe) << "any non-zero value means the table exists";
+    EXPECT_EQ(1, existe);
     existe = 5;
     EXPECT_EQ(KVN_ERROR_TABLE_NOT_FOUND, client.IsTableExist(hCnx, L"clients", existe));
     EXPECT_EQ(5, existe);
-    EXPECT_EQ(KVN_NO_ERROR, client.IsColumnExist(hCnx, L"clients", L"nom", existe));
-    EXPECT_EQ(1, existe);
 }
 
 TEST_F(Schema, ColumnsArePassedThroughAndAShortAnswerIsRefused) {
@@ -150,19 +136,6 @@ TEST_F(Schema, ColumnsArePassedThroughAndAShortAnswerIsRefused) {
     EXPECT_EQ(2, nb);
     EXPECT_STREQ(L"id;nom", noms.GetString());
     EXPECT_STREQ(L"INTEGER;VARCHAR", types.GetString());
-}
-
-TEST_F(Schema, WithTheLinkDownNothingIsSent) {
-    Open([](peer::Connection& c) { c.ExpectSilence(300); });
-    client.SetAllConnected(FALSE);
-    int existe = 4, nb = 4;
-    DStr noms(L"n"), types(L"t");
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.IsTableExist(hCnx, L"t", existe));
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.IsColumnExist(hCnx, L"t", L"c", existe));
-    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.GetColumns(hCnx, L"t", nb, noms, types));
-    client.SetAllConnected(TRUE);
-    EXPECT_EQ(4, existe);
-    EXPECT_EQ(4, nb);
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.GetColumns(hCnx + 1, L"t", nb, noms, types));
     EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 17  "));
 }
@@ -176,7 +149,6 @@ TEST_F(ServiceText, LastErrorTextNullOrNot) {
         EXPECT_EQ(0, m.Count());
         Serve(c, KVN_GET_ODBC_ERROR_TEXT, {Long(0), peer::NullOf(peer::kTypeWChar)});
         Serve(c, KVN_GET_ODBC_ERROR_TEXT, {Long(-2), Long(KVN_ERROR_ODBC)});
-        Serve(c, KVN_GET_ODBC_ERROR_TEXT, {Long(0), Text(L"a"), Text(L"b")});
     });
     DStr text(L"avant");
     EXPECT_EQ(KVN_NO_ERROR, client.GetLastErrorConnexion(hCnx, text));
@@ -186,7 +158,6 @@ TEST_F(ServiceText, LastErrorTextNullOrNot) {
 
     text = L"avant";
     EXPECT_EQ(KVN_ERROR_ODBC, client.GetLastErrorConnexion(hCnx, text));
-    EXPECT_EQ(KVN_ERROR_RECEIVE, client.GetLastErrorConnexion(hCnx, text));
     EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.GetLastErrorConnexion(hCnx + 1, text));
     EXPECT_STREQ(L"avant", text.GetString());
     EXPECT_EQ(1, debugger.Count(L"\r\nError KVN_ERROR_HANDLE_CNX 1  "));

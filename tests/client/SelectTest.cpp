@@ -64,37 +64,30 @@ protected:
     static constexpr int kNoData = -1000 - KVN_NO_DATA;
 };
 
-TEST_F(Select, WithoutRowsIsASuccessAndTheFirstFetchHasNoData) {
+TEST_F(Select, ZeroRowsOrOneBlockAreWalkedWithoutAskingForMoreAndAFetchAfterTheEndAsksAgain) {
     Open([](peer::Connection& c) {
         peer::Message m = Serve(c, KVN_EXECUTESELECT, FirstBlock(12, 0, 0, 0));
         EXPECT_EQ(1, m.Count());
         EXPECT_EQ(L"select * from vide", m.Param(0).AsWide());
-        c.ExpectSilence(200);
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(3, 1, 3, 0));
+        c.Await("relance");
+        Serve(c, KVN_GETLINE, {Long(-2), Long(KVN_NO_DATA)});
     });
     int resultat = -1;
     EXPECT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select * from vide", resultat));
     EXPECT_EQ(12, resultat);
     EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
-    long v = 5;
-    EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, v));
-    EXPECT_EQ(5, v);
-}
 
-TEST_F(Select, OneBlockIsWalkedWithoutAskingForMoreAndAFetchAfterTheEndAsksAgain) {
-    Open([](peer::Connection& c) {
-        Serve(c, KVN_EXECUTESELECT, FirstBlock(3, 1, 3, 0));
-        c.Await("relance");
-        Serve(c, KVN_GETLINE, {Long(-2), Long(KVN_NO_DATA)});
-    });
-    int resultat = 0;
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select id, nom from t", resultat));
+    DStr requete(L"select id, nom from t");
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, requete, resultat));
     EXPECT_EQ(3, resultat);
     for (int id = 1; id <= 3; id++) EXPECT_EQ(id, FetchId());
     EXPECT_EQ(kNoData, FetchId());
     long v = 9;
     EXPECT_EQ(KVN_NO_DATA, client.GetData(hCnx, 1, v)) << "the buffer is empty after the end";
+    EXPECT_EQ(9, v);
 
-    // No GetLine so far: the rows of the block ended the result.
+    // No GetLine so far: the rows of each block ended their result.
     EXPECT_EQ(0, GetLineRequests());
     service.Signal("relance");
     EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
@@ -115,34 +108,6 @@ TEST_F(Select, SeveralBlocksAskOneGetLinePerExhaustedBlockAndNoneAfterTheLast) {
     EXPECT_EQ(kNoData, FetchId());
     Finish();
     EXPECT_EQ(2, GetLineRequests());
-}
-
-TEST_F(Select, ANewSelectReplacesTheRowsOfThePreviousOne) {
-    Open([](peer::Connection& c) {
-        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 3, 0));
-        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 10, 1, 0));
-    });
-    int resultat = 0;
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select 1", resultat));
-    EXPECT_EQ(1, FetchId());
-    DStr again(L"select 2");
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, again, resultat));
-    EXPECT_EQ(10, FetchId());
-    EXPECT_EQ(kNoData, FetchId());
-}
-
-TEST_F(Select, AnErrorInTheNextBlockEndsTheRows) {
-    Open([](peer::Connection& c) {
-        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 1, 1));
-        Serve(c, KVN_GETLINE, {Long(-2), Long(KVN_ERROR_ODBC), Long(0)});
-        c.ExpectSilence(200);
-    });
-    int resultat = 0;
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
-    EXPECT_EQ(1, FetchId());
-    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
-    // The end mark that the error set is consumed here, without a request.
-    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
 }
 
 TEST_F(Select, ServiceErrorsAndRefusalsOfExecuteSelect) {
@@ -166,15 +131,23 @@ TEST_F(Select, ServiceErrorsAndRefusalsOfExecuteSelect) {
         EXPECT_EQ(1, debugger.Count(line)) << std::wstring(line).substr(2).c_str();
 }
 
-// Fetch answers 0 only with a new current row: when the next block cannot be
-// had, the failure of GetLine is what it reports, whatever status an earlier
-// answer left.
-TEST_F(Select, FetchReportsTheFailureOfTheGetLineItCalled) {
+// An error in the next block ends the rows. Fetch answers 0 only with a new
+// current row: when the next block cannot be had, the failure of GetLine is
+// what it reports, whatever status an earlier answer left.
+TEST_F(Select, AnErrorInTheNextBlockEndsTheRowsAndAFailedGetLineIsWhatFetchReports) {
     Open([](peer::Connection& c) {
+        Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 1, 1));
+        Serve(c, KVN_GETLINE, {Long(-2), Long(KVN_ERROR_ODBC), Long(0)});
         Serve(c, KVN_EXECUTESELECT, FirstBlock(0, 1, 1, 1));
         c.Ack(c.Expect(KVN_GETLINE));  // and never answers
     });
     int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
+    EXPECT_EQ(1, FetchId());
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+    // The end mark that the error set is consumed here, without a request.
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+
     ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
     EXPECT_EQ(1, FetchId());
     KvnSetAnswerWaitForTests(300);

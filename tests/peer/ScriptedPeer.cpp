@@ -13,29 +13,26 @@ namespace peer {
 
 namespace {
 
-// The peer refuses to read a body larger than this: the library never sends
-// one above 256000 bytes, and a garbled header must not make the test
-// allocate gigabytes.
+// The library never sends a body above 256000 bytes; a garbled header must
+// not make the test allocate gigabytes.
 const std::uint32_t kMaxBody = 1u << 20;
 
 DWORD MsUntil(Clock::time_point deadline) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0) return 0;
-    return static_cast<DWORD>(left.count());
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left <= 0 ? 0 : static_cast<DWORD>(left);
 }
+
+Clock::time_point After(DWORD ms) { return Clock::now() + std::chrono::milliseconds(ms); }
 
 }  // namespace
 
 // ---- Connection -----------------------------------------------------------------------------
 
-std::size_t Connection::ReadUntil(std::uint8_t* buffer, std::size_t n,
-                                  Clock::time_point deadline) {
+std::size_t Connection::ReadUntil(std::uint8_t* buffer, std::size_t n, Clock::time_point deadline) {
     std::size_t got = 0;
     while (got < n && Alive()) {
         DWORD left = MsUntil(deadline);
-        if (left == 0) break;
-        int ready = KvnWaitReadable(sock_, left);
-        if (ready <= 0) break;  // time-out or a failed socket
+        if (left == 0 || KvnWaitReadable(sock_, left) <= 0) break;  // time-out or a failed socket
         int k = KvnRecv(sock_, reinterpret_cast<char*>(buffer + got), static_cast<int>(n - got));
         if (k <= 0) {
             clientClosed_ = true;  // an orderly close, a reset, or our own shutdown
@@ -47,7 +44,7 @@ std::size_t Connection::ReadUntil(std::uint8_t* buffer, std::size_t n,
 }
 
 Message Connection::Read(DWORD timeoutMs) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const Clock::time_point deadline = After(timeoutMs);
     Message m;
     std::uint8_t head[kHeaderSize];
     std::size_t got = ReadUntil(head, kHeaderSize, deadline);
@@ -57,8 +54,7 @@ Message Connection::Read(DWORD timeoutMs) {
 
     m.header = DecodeHeader(head);
     if (m.header.tailleData > kMaxBody) {
-        m.error = "the header announces a body of " + std::to_string(m.header.tailleData) +
-                  " bytes";
+        m.error = "the header announces a body of " + std::to_string(m.header.tailleData) + " bytes";
         return m;
     }
     Bytes body(m.header.tailleData);
@@ -76,17 +72,15 @@ Message Connection::Read(DWORD timeoutMs) {
 Message Connection::Expect(int fonction, DWORD timeoutMs) {
     Message m = Read(timeoutMs);
     if (!m.complete) {
-        ADD_FAILURE() << "socket " << index_ << ": no whole message of function " << fonction
-                      << " within " << timeoutMs << " ms; " << m.raw.size() << " bytes came: "
-                      << Hex(m.raw) << (m.error.empty() ? "" : " (") << m.error
-                      << (m.error.empty() ? "" : ")");
+        ADD_FAILURE() << "socket " << index_ << ": no whole message of function " << fonction << " within "
+                      << timeoutMs << " ms; " << m.raw.size() << " bytes came: " << Hex(m.raw)
+                      << (m.error.empty() ? "" : " (") << m.error << (m.error.empty() ? "" : ")");
     } else if (m.Fonction() != fonction) {
-        ADD_FAILURE() << "socket " << index_ << ": expected function " << fonction << ", got "
-                      << m.Fonction() << ": " << Hex(m.raw);
+        ADD_FAILURE() << "socket " << index_ << ": expected function " << fonction << ", got " << m.Fonction()
+                      << ": " << Hex(m.raw);
     } else if (!m.error.empty()) {
-        ADD_FAILURE() << "socket " << index_ << ": function " << fonction
-                      << " arrived but its body does not decode (" << m.error << "): "
-                      << Hex(m.raw);
+        ADD_FAILURE() << "socket " << index_ << ": function " << fonction << " arrived but its body does not decode ("
+                      << m.error << "): " << Hex(m.raw);
     }
     return m;
 }
@@ -102,9 +96,7 @@ Message Connection::ExpectMessage(const Message& expected, DWORD timeoutMs) {
 
 Bytes Connection::ReadRaw(std::size_t count, DWORD timeoutMs) {
     Bytes out(count);
-    std::size_t got =
-        ReadUntil(out.data(), count, Clock::now() + std::chrono::milliseconds(timeoutMs));
-    out.resize(got);
+    out.resize(ReadUntil(out.data(), count, After(timeoutMs)));
     return out;
 }
 
@@ -115,22 +107,21 @@ void Connection::Refuse(const Message& m) { SendRaw(AckHeader(m.header, 0)); }
 Message Connection::Answer(const Message& answer, DWORD ackTimeoutMs) {
     Message back;
     if (!Send(answer)) {
-        ADD_FAILURE() << "socket " << index_ << ": could not send the answer of function "
-                      << answer.Fonction();
+        ADD_FAILURE() << "socket " << index_ << ": could not send the answer of function " << answer.Fonction();
         return back;
     }
     back.raw = ReadRaw(kHeaderSize, ackTimeoutMs);
     back.at = Clock::now();
     if (back.raw.size() < kHeaderSize) {
         ADD_FAILURE() << "socket " << index_ << ": the answer of function " << answer.Fonction()
-                      << " was not acknowledged within " << ackTimeoutMs << " ms ("
-                      << back.raw.size() << " bytes came)";
+                      << " was not acknowledged within " << ackTimeoutMs << " ms (" << back.raw.size()
+                      << " bytes came)";
         return back;
     }
     back.complete = true;
     back.header = DecodeHeader(back.raw.data());
-    EXPECT_EQ(1, back.Fonction()) << "socket " << index_ << ": acknowledgement of function "
-                                  << answer.Fonction() << ": " << Hex(back.raw);
+    EXPECT_EQ(1, back.Fonction()) << "socket " << index_ << ": acknowledgement of function " << answer.Fonction()
+                                  << ": " << Hex(back.raw);
     EXPECT_EQ(answer.IdApplication(), back.IdApplication());
     EXPECT_EQ(answer.IdConnexion(), back.IdConnexion());
     EXPECT_EQ(0, back.header.nbParam);
@@ -141,8 +132,7 @@ Message Connection::Answer(const Message& answer, DWORD ackTimeoutMs) {
 bool Connection::Send(const Message& m) { return SendRaw(Encode(m)); }
 
 bool Connection::SendRaw(const Bytes& bytes) {
-    std::size_t sent = 0;
-    while (sent < bytes.size()) {
+    for (std::size_t sent = 0; sent < bytes.size();) {
         if (sock_ == INVALID_SOCKET || peer_.stopping_) return false;
         int k = KvnSend(sock_, reinterpret_cast<const char*>(bytes.data() + sent),
                         static_cast<int>(bytes.size() - sent));
@@ -158,22 +148,18 @@ void Connection::Close() {
     sock_ = INVALID_SOCKET;
 }
 
-bool Connection::Alive() const {
-    return !clientClosed_ && !peer_.stopping_ && sock_ != INVALID_SOCKET;
-}
+bool Connection::Alive() const { return !clientClosed_ && !peer_.stopping_ && sock_ != INVALID_SOCKET; }
 
 void Connection::Delay(DWORD ms) {
     std::unique_lock<std::mutex> lock(peer_.mutex_);
-    peer_.changed_.wait_for(lock, std::chrono::milliseconds(ms),
-                            [this] { return peer_.stopping_.load(); });
+    peer_.changed_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return peer_.stopping_.load(); });
 }
 
 bool Connection::ExpectSilence(DWORD ms) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(ms);
+    const Clock::time_point deadline = After(ms);
     while (Alive()) {
         DWORD left = MsUntil(deadline);
-        if (left == 0) break;
-        if (KvnWaitReadable(sock_, left) <= 0) break;
+        if (left == 0 || KvnWaitReadable(sock_, left) <= 0) break;
         std::uint8_t scrap[256];
         int k = KvnRecv(sock_, reinterpret_cast<char*>(scrap), sizeof scrap);
         if (k <= 0) {
@@ -188,17 +174,15 @@ bool Connection::ExpectSilence(DWORD ms) {
 }
 
 bool Connection::ExpectClientClose(DWORD timeoutMs) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const Clock::time_point deadline = After(timeoutMs);
     while (Alive()) {
         DWORD left = MsUntil(deadline);
-        if (left == 0) break;
-        if (KvnWaitReadable(sock_, left) < 0) break;
+        if (left == 0 || KvnWaitReadable(sock_, left) < 0) break;
         std::uint8_t scrap[4096];
         if (KvnRecv(sock_, reinterpret_cast<char*>(scrap), sizeof scrap) <= 0) clientClosed_ = true;
     }
     if (!clientClosed_) {
-        ADD_FAILURE() << "socket " << index_ << ": the client did not close within " << timeoutMs
-                      << " ms";
+        ADD_FAILURE() << "socket " << index_ << ": the client did not close within " << timeoutMs << " ms";
     }
     return clientClosed_;
 }
@@ -208,12 +192,10 @@ bool Connection::Await(const std::string& name, DWORD timeoutMs) {
     bool signalled = peer_.changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
         return peer_.signals_.count(name) > 0 || peer_.stopping_.load();
     });
-    if (!peer_.signals_.count(name)) {
-        ADD_FAILURE() << "socket " << index_ << ": the test did not signal \"" << name << "\""
-                      << (signalled ? " before the peer stopped" : " in time");
-        return false;
-    }
-    return true;
+    if (peer_.signals_.count(name)) return true;
+    ADD_FAILURE() << "socket " << index_ << ": the test did not signal \"" << name << "\""
+                  << (signalled ? " before the peer stopped" : " in time");
+    return false;
 }
 
 // ---- ScriptedPeer ---------------------------------------------------------------------------
@@ -257,23 +239,20 @@ void ScriptedPeer::Signal(const std::string& name) {
 bool ScriptedPeer::WaitForScripts(DWORD timeoutMs) {
     std::unique_lock<std::mutex> lock(mutex_);
     auto allDone = [this] {
-        if (running_ > 0) return false;
         for (const auto& s : scripts_) {
             if (!finished_.count(s.first)) return false;
         }
-        return true;
+        return running_ == 0;
     };
     if (changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), allDone)) return true;
     std::ostringstream pending;
     for (const auto& s : scripts_) {
-        if (!finished_.count(s.first)) {
-            pending << ' ' << s.first
-                    << (s.first < static_cast<int>(connections_.size()) ? " (running)"
-                                                                        : " (never accepted)");
-        }
+        if (finished_.count(s.first)) continue;
+        pending << ' ' << s.first
+                << (s.first < static_cast<int>(connections_.size()) ? " (running)" : " (never accepted)");
     }
-    ADD_FAILURE() << "the peer's scripts did not end within " << timeoutMs
-                  << " ms; pending:" << pending.str() << "; running: " << running_;
+    ADD_FAILURE() << "the peer's scripts did not end within " << timeoutMs << " ms; pending:" << pending.str()
+                  << "; running: " << running_;
     return false;
 }
 
@@ -321,7 +300,7 @@ void ScriptedPeer::RunScript(Connection& c, Script script) {
     script(c);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        finished_.insert(c.Index());
+        finished_.insert(c.index_);
         --running_;
     }
     changed_.notify_all();
@@ -331,8 +310,7 @@ void ScriptedPeer::Stop() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopped_) return;
-        stopped_ = true;
-        stopping_ = true;
+        stopped_ = stopping_ = true;
         // Shutting a socket down wakes a script blocked reading it; the
         // descriptors are only released once every script has ended.
         for (auto& c : connections_) {
@@ -342,8 +320,7 @@ void ScriptedPeer::Stop() {
     changed_.notify_all();
 
     if (acceptor_.joinable()) {
-        // The acceptor waits without a time limit: a connection of our own
-        // wakes it, and it sees that the peer is stopping.
+        // The acceptor waits without a time limit: a connection of our own wakes it.
         SOCKET wake = KvnTcpSocket();
         bool woken = wake != INVALID_SOCKET && KvnConnect(wake, KvnLoopbackAddress(), port_) == 0;
         if (!woken) KvnShutdown(listener_);

@@ -1,25 +1,11 @@
 // A scripted stand-in for the Korvane service, for the tests of the client.
-//
-// The peer listens on 127.0.0.1 on a port the system picks and plays a script
-// on every socket it accepts, each on a thread of its own, so that the main
-// link and the connections' links run at once. A script is a plain function
-// that receives the accepted Connection and acts through it: read and check
-// the client's messages, acknowledge or refuse them or stay silent, answer,
-// send hostile bytes, close, pause. Scripts assert with gtest (EXPECT_* and
-// ADD_FAILURE work from any thread); what they read is also kept, per accepted
-// socket, for the test to check once the exchange is over.
-//
-//     peer::ScriptedPeer service;
-//     service.OnAccept(0, [](peer::Connection& c) {
-//         peer::Message m = c.Expect(KVN_EXECUTE);
-//         c.Ack(m);
-//     });
-//     ... connect to service.Port(), run the client ...
-//     service.WaitForScripts();
-//
-// The peer speaks only the bytes of the wire (WireCodec.h), never through the
-// library's message classes. Stop (and the destructor) ends everything in
-// bounded time: blocked reads are woken and every thread is joined.
+// It listens on 127.0.0.1 (system-chosen port) and plays a script on every
+// accepted socket, each on a thread of its own, so that the main link and the
+// connections' links run at once. Scripts act through their Connection and
+// assert with gtest (which works from any thread); what they read is also kept
+// per socket for the test. The peer speaks only the bytes of the wire
+// (WireCodec.h), never the library's message classes. Stop (and the
+// destructor) ends everything in bounded time.
 #ifndef KVN_TESTS_PEER_SCRIPTEDPEER_H
 #define KVN_TESTS_PEER_SCRIPTEDPEER_H
 
@@ -49,10 +35,6 @@ class ScriptedPeer;
 // One accepted socket, as its script sees it. Used by its script's thread only.
 class Connection {
 public:
-    // 0 for the first socket accepted, then 1, 2 ...
-    int Index() const { return index_; }
-
-    // ---- Reading ------------------------------------------------------------
     // One message: the header, then the body it announces, within timeoutMs in
     // all. `complete` is false when it did not all arrive (the bytes that did
     // are in `raw`); `error` tells why a complete body could not be decoded.
@@ -65,11 +47,9 @@ public:
     // Up to `count` raw bytes, fewer when the time ran out or the client closed.
     Bytes ReadRaw(std::size_t count, DWORD timeoutMs = kWaitMs);
 
-    // ---- Acknowledging (staying silent is doing nothing) ----------------------
     void Ack(const Message& m);     // bare header, function 1, ids copied
     void Refuse(const Message& m);  // bare header, function 0, ids copied
 
-    // ---- Sending ----------------------------------------------------------------
     // Sends the message and reads the 16 bytes that acknowledge it, failing the
     // test unless they are an acceptance (function 1) carrying the message's ids.
     // Returns the header that came back (`complete` false when none did).
@@ -77,7 +57,6 @@ public:
     bool Send(const Message& m);
     bool SendRaw(const Bytes& bytes);  // hostile or partial input
 
-    // ---- Time and the end of the link ---------------------------------------------
     void Close();
     // False once the client closed its end, this side closed, or the peer is stopping.
     bool Alive() const;
@@ -97,8 +76,7 @@ private:
     Connection(ScriptedPeer& peer, int index, SOCKET sock)
         : peer_(peer), index_(index), sock_(sock) {}
 
-    // Reads up to n bytes before the deadline; stops early when the client
-    // closes, the socket fails or the peer stops.
+    // Stops early when the client closes, the socket fails or the peer stops.
     std::size_t ReadUntil(std::uint8_t* buffer, std::size_t n, Clock::time_point deadline);
 
     ScriptedPeer& peer_;
@@ -112,7 +90,6 @@ using Script = std::function<void(Connection&)>;
 
 class ScriptedPeer {
 public:
-    // Listens at once; Port() tells where.
     ScriptedPeer();
     ~ScriptedPeer();
     ScriptedPeer(const ScriptedPeer&) = delete;
@@ -130,17 +107,15 @@ public:
     // Lets a script waiting in Connection::Await(name) go on.
     void Signal(const std::string& name);
 
-    // Waits until every script given with OnAccept has run to its end and no
-    // other script is still running; fails the test (naming the scripts still
-    // pending) when that takes longer than timeoutMs.
+    // Waits until every OnAccept script has ended and none other runs; fails
+    // the test (naming the pending ones) after timeoutMs.
     bool WaitForScripts(DWORD timeoutMs = 2 * kWaitMs);
 
     int Accepted() const;
     // Every whole message read on the index-th accepted socket, in order.
     std::vector<Message> Received(int index) const;
 
-    // Ends everything: closes the listener, wakes and joins every script,
-    // closes every socket. Idempotent.
+    // Closes the listener, wakes and joins every script, closes every socket. Idempotent.
     void Stop();
 
 private:

@@ -23,14 +23,32 @@ std::uint64_t GetLE(const std::uint8_t* p, int width) {
 
 bool IsTextType(std::uint8_t type) { return type == kTypeChar || type == kTypeWChar; }
 
-// The value bytes of a record as they travel in a message of the given width.
-Bytes ValueBytes(const Value& v, bool unicode) {
-    if (v.IsNull()) return {};
-    if (!v.isText) return v.data;
-    Bytes out;
-    for (char16_t unit : v.text) {
-        if (unicode) PutLE(out, unit, 2);
-        else out.push_back(static_cast<std::uint8_t>(unit));
+Value Record(std::uint8_t type, std::uint16_t size, Bytes data = {}) {
+    Value out;
+    out.type = type;
+    out.size = size;
+    out.data = std::move(data);
+    return out;
+}
+
+Value Number(std::uint8_t type, std::uint64_t bits) {
+    Value out = Record(type, 8);
+    PutLE(out.data, bits, 8);
+    return out;
+}
+
+// UTF-16 of a wide text: surrogate pairs where wchar_t is 32-bit.
+std::u16string ToUtf16(const std::wstring& text) {
+    std::u16string out;
+    for (wchar_t c : text) {
+        std::uint32_t cp = static_cast<std::uint32_t>(c);
+        if (sizeof(wchar_t) > 2 && cp > 0xFFFF) {
+            cp -= 0x10000;
+            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
+            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+        } else {
+            out.push_back(static_cast<char16_t>(cp));
+        }
     }
     return out;
 }
@@ -73,18 +91,24 @@ double Value::AsDouble() const {
     return d;
 }
 
-std::int64_t Value::AsBigInt() const {
-    return data.size() >= 8 ? static_cast<std::int64_t>(GetLE(data.data(), 8)) : 0;
+std::wstring Value::AsWide() const {
+    std::wstring out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        std::uint32_t unit = text[i];
+        bool pair = sizeof(wchar_t) > 2 && unit >= 0xD800 && unit < 0xDC00 && i + 1 < text.size() &&
+                    text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000;
+        if (pair) {
+            std::uint32_t low = text[++i];
+            out.push_back(static_cast<wchar_t>(0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00)));
+        } else {
+            out.push_back(static_cast<wchar_t>(unit));
+        }
+    }
+    return out;
 }
 
-std::wstring Value::AsWide() const { return FromUtf16(text); }
-
-std::string Value::AsTimestamp() const { return std::string(data.begin(), data.end()); }
-
 Value Long(std::int32_t v, std::uint16_t size) {
-    Value out;
-    out.type = kTypeLong;
-    out.size = size;
+    Value out = Record(kTypeLong, size);
     PutLE(out.data, static_cast<std::uint32_t>(v), 4);
     out.data.resize(size, 0);
     return out;
@@ -93,25 +117,13 @@ Value Long(std::int32_t v, std::uint16_t size) {
 Value Double(double v) {
     std::uint64_t bits = 0;
     std::memcpy(&bits, &v, sizeof bits);
-    Value out;
-    out.type = kTypeDouble;
-    out.size = 8;
-    PutLE(out.data, bits, 8);
-    return out;
+    return Number(kTypeDouble, bits);
 }
 
-Value BigInt(std::int64_t v) {
-    Value out;
-    out.type = kTypeBigInt;
-    out.size = 8;
-    PutLE(out.data, static_cast<std::uint64_t>(v), 8);
-    return out;
-}
+Value BigInt(std::int64_t v) { return Number(kTypeBigInt, static_cast<std::uint64_t>(v)); }
 
 Value Text(const std::u16string& text, std::uint8_t type) {
-    Value out;
-    out.type = type;
-    out.size = static_cast<std::uint16_t>(text.size());
+    Value out = Record(type, static_cast<std::uint16_t>(text.size()));
     out.isText = true;
     out.text = text;
     return out;
@@ -122,48 +134,31 @@ Value Text(const wchar_t* text, std::uint8_t type) {
 }
 
 Value NullOf(std::uint8_t type) {
-    Value out;
-    out.type = type;
-    out.size = kNullSize;
+    Value out = Record(type, kNullSize);
     out.isText = IsTextType(type);
     return out;
 }
 
 Value Timestamp(const std::string& digits) {
     EXPECT_EQ(18u, digits.size()) << "a timestamp travels as 18 digits: " << digits;
-    Value out;
-    out.type = kTypeTimestamp;
-    out.size = static_cast<std::uint16_t>(digits.size());
-    out.data.assign(digits.begin(), digits.end());
-    return out;
+    return Record(kTypeTimestamp, static_cast<std::uint16_t>(digits.size()), Bytes(digits.begin(), digits.end()));
 }
 
 Value Guid(const Bytes& sixteen) {
     EXPECT_EQ(16u, sixteen.size());
-    return Raw(kTypeGuid, static_cast<std::uint16_t>(sixteen.size()), sixteen);
-}
-
-Value Raw(std::uint8_t type, std::uint16_t size, const Bytes& data) {
-    Value out;
-    out.type = type;
-    out.size = size;
-    out.data = data;
-    return out;
+    return Record(kTypeGuid, static_cast<std::uint16_t>(sixteen.size()), sixteen);
 }
 
 // ---- Messages ---------------------------------------------------------------------------
 
 const Value& Message::Param(int i) const {
     static const Value kNone = NullOf(0);
-    if (i < 0 || i >= Count()) {
-        ADD_FAILURE() << "the message has no parameter " << i << " (it has " << Count() << ")";
-        return kNone;
-    }
-    return params[static_cast<std::size_t>(i)];
+    if (i >= 0 && i < Count()) return params[static_cast<std::size_t>(i)];
+    ADD_FAILURE() << "the message has no parameter " << i << " (it has " << Count() << ")";
+    return kNone;
 }
 
-Message Msg(int fonction, int idApplication, int idConnexion, std::vector<Value> params,
-            int unicode) {
+Message Msg(int fonction, int idApplication, int idConnexion, std::vector<Value> params, int unicode) {
     Message m;
     m.header.idApplication = idApplication;
     m.header.idConnexion = static_cast<std::uint16_t>(idConnexion);
@@ -174,13 +169,16 @@ Message Msg(int fonction, int idApplication, int idConnexion, std::vector<Value>
 }
 
 Bytes Encode(const Message& message) {
-    const bool unicode = message.header.unicode != 0;
     Bytes body;
     for (const Value& v : message.params) {
         body.push_back(v.type);
         PutLE(body, v.size, 2);
-        Bytes value = ValueBytes(v, unicode);
-        body.insert(body.end(), value.begin(), value.end());
+        if (v.IsNull()) continue;
+        if (!v.isText) body.insert(body.end(), v.data.begin(), v.data.end());
+        for (char16_t unit : v.isText ? v.text : std::u16string()) {
+            if (message.header.unicode != 0) PutLE(body, unit, 2);
+            else body.push_back(static_cast<std::uint8_t>(unit));
+        }
     }
     Header h = message.header;
     h.nbParam = static_cast<std::int32_t>(message.params.size());
@@ -209,9 +207,7 @@ bool DecodeBody(Message& message, const std::uint8_t* body, std::size_t length) 
             message.error = "record " + std::to_string(i) + " starts beyond the body";
             return false;
         }
-        Value v;
-        v.type = body[pos];
-        v.size = static_cast<std::uint16_t>(GetLE(body + pos + 1, 2));
+        Value v = Record(body[pos], static_cast<std::uint16_t>(GetLE(body + pos + 1, 2)));
         v.isText = IsTextType(v.type);
         pos += 3;
         std::size_t width = 0;
@@ -221,20 +217,16 @@ bool DecodeBody(Message& message, const std::uint8_t* body, std::size_t length) 
             return false;
         }
         v.data.assign(body + pos, body + pos + width);
-        if (v.isText && !v.IsNull()) {
-            for (std::size_t k = 0; k < v.size; ++k) {
-                v.text.push_back(unicode ? static_cast<char16_t>(GetLE(body + pos + 2 * k, 2))
-                                         : static_cast<char16_t>(body[pos + k]));
-            }
+        for (std::size_t k = 0; v.isText && !v.IsNull() && k < v.size; ++k) {
+            v.text.push_back(unicode ? static_cast<char16_t>(GetLE(body + pos + 2 * k, 2))
+                                     : static_cast<char16_t>(body[pos + k]));
         }
         pos += width;
         message.params.push_back(std::move(v));
     }
-    if (pos != length) {
-        message.error = std::to_string(length - pos) + " bytes follow the last record";
-        return false;
-    }
-    return true;
+    if (pos == length) return true;
+    message.error = std::to_string(length - pos) + " bytes follow the last record";
+    return false;
 }
 
 Message Decode(const Bytes& bytes) {
@@ -254,45 +246,11 @@ Message Decode(const Bytes& bytes) {
     return m;
 }
 
-// ---- Text -----------------------------------------------------------------------------------
-
-std::u16string ToUtf16(const std::wstring& text) {
-    std::u16string out;
-    for (wchar_t c : text) {
-        std::uint32_t cp = static_cast<std::uint32_t>(c);
-        if (sizeof(wchar_t) > 2 && cp > 0xFFFF) {
-            cp -= 0x10000;
-            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out.push_back(static_cast<char16_t>(cp));
-        }
-    }
-    return out;
-}
-
-std::wstring FromUtf16(const std::u16string& text) {
-    std::wstring out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        std::uint32_t unit = text[i];
-        bool pair = sizeof(wchar_t) > 2 && unit >= 0xD800 && unit < 0xDC00 &&
-                    i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000;
-        if (pair) {
-            std::uint32_t low = text[++i];
-            out.push_back(static_cast<wchar_t>(0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00)));
-        } else {
-            out.push_back(static_cast<wchar_t>(unit));
-        }
-    }
-    return out;
-}
-
 std::string Hex(const Bytes& bytes) {
     std::string out;
     char two[4];
     for (std::size_t i = 0; i < bytes.size(); ++i) {
-        std::snprintf(two, sizeof two, "%02X", bytes[i]);
-        if (i) out += ' ';
+        std::snprintf(two, sizeof two, i ? " %02X" : "%02X", bytes[i]);
         out += two;
     }
     return out;

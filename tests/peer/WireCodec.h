@@ -1,11 +1,7 @@
 // The message format as the test peer writes and reads it: the 16-byte header,
-// the typed parameter records, and builders for the values a test puts in an
-// answer.
-//
-// This codec is written apart from the library's on purpose and shares no code
-// with it (no CMsgSocket, CParam or library header reader): a test compares the
-// library's bytes with these, so a mistake in the library's codec cannot hide
-// behind the same mistake here. It works on memory only.
+// the typed parameter records, and builders for answer values. Written apart
+// from the library's codec on purpose and sharing no code with it, so that a
+// mistake in the library's codec cannot hide behind the same mistake here.
 #ifndef KVN_TESTS_PEER_WIRECODEC_H
 #define KVN_TESTS_PEER_WIRECODEC_H
 
@@ -51,11 +47,9 @@ Header DecodeHeader(const std::uint8_t* bytes);
 struct Value {
     std::uint8_t type = 0;
     std::uint16_t size = 0;  // characters of a text, bytes otherwise; kNullSize for NULL
-    // The value bytes as they travel (for a decoded text: as they came).
-    Bytes data;
-    // A text value: written from `text` in the message's width (two bytes a
-    // UTF-16 code unit when the header's unicode byte is 1, else the low byte
-    // of each unit). Decoded text records have it set as well.
+    Bytes data;              // the value bytes as they travel
+    // A text is written from `text` in the message's width (two bytes a UTF-16
+    // unit when the header's unicode byte is 1, else the low byte of each unit).
     bool isText = false;
     std::u16string text;
 
@@ -63,31 +57,22 @@ struct Value {
     // The value read as its type says; 0 (or empty) when there are too few bytes.
     std::int32_t AsLong() const;
     double AsDouble() const;
-    std::int64_t AsBigInt() const;
-    std::u16string AsText() const { return text; }
     std::wstring AsWide() const;
-    std::string AsTimestamp() const;  // the 18 digits DDMMYYYYhhmmssffff
 };
 
-// ---- Value builders ------------------------------------------------------------
 // A LONG of the given size field: the value's 4 bytes, then zero bytes up to
 // `size` (the bound-parameter operations send LONGs of size 8).
 Value Long(std::int32_t v, std::uint16_t size = 4);
 Value Double(double v);
 Value BigInt(std::int64_t v);
-// A text of type SQL_C_WCHAR (or another text type byte); its size is the
-// number of UTF-16 code units.
+// A text (size: UTF-16 code units); a wide literal is converted to UTF-16.
 Value Text(const std::u16string& text, std::uint8_t type = kTypeWChar);
-// A wide literal, converted to UTF-16 (surrogate pairs where wchar_t is 32-bit).
 Value Text(const wchar_t* text, std::uint8_t type = kTypeWChar);
 Value NullOf(std::uint8_t type);
 // The 18 ASCII digits DDMMYYYYhhmmssffff.
 Value Timestamp(const std::string& digits);
 Value Guid(const Bytes& sixteen);
-// Any record, written as given: for records a well-behaved side never sends.
-Value Raw(std::uint8_t type, std::uint16_t size, const Bytes& data);
 
-// ---- Messages --------------------------------------------------------------------
 struct Message {
     Header header;
     std::vector<Value> params;
@@ -112,19 +97,14 @@ Message Msg(int fonction, int idApplication, int idConnexion, std::vector<Value>
 
 // Header and records; nbParam and tailleData are those of `params`.
 Bytes Encode(const Message& message);
-// The bare header that acknowledges (fonction 1) or refuses (fonction 0) a
-// message: its ids, no body.
+// The bare header that acknowledges (1) or refuses (0) a message: its ids, no body.
 Bytes AckHeader(const Header& acknowledged, int fonction);
 
 // Decodes `length` body bytes into message.params as message.header describes
-// them. Records must fill the body exactly; false (with message.error) otherwise.
+// them; false (with message.error) unless the records fill the body exactly.
 bool DecodeBody(Message& message, const std::uint8_t* body, std::size_t length);
 // Decodes a whole message (header then body).
 Message Decode(const Bytes& bytes);
-
-// Conversions between wide text and UTF-16.
-std::u16string ToUtf16(const std::wstring& text);
-std::wstring FromUtf16(const std::u16string& text);
 
 // "07 00 00 00 03 00 ..." for readable failure messages.
 std::string Hex(const Bytes& bytes);

@@ -36,15 +36,6 @@ unsigned short FreeTcpPort() {
     return port;
 }
 
-unsigned short FreeUdpPort() {
-    SOCKET s = KvnUdpSocket();
-    if (s == INVALID_SOCKET) return 0;
-    unsigned short port = 0;
-    if (KvnBind(s, KvnLoopbackAddress(), 0) == 0) port = KvnGetLocalPort(s);
-    KvnCloseSocket(s);
-    return port;
-}
-
 KvnProcess StartProgram(const std::vector<std::string>& args, const std::string& logFile) {
     std::vector<const char*> argv;
     for (const std::string& a : args) argv.push_back(a.c_str());

@@ -22,7 +22,8 @@ private:
     std::string path_;
 };
 
-// Ports on loopback that were free a moment ago (0 when none could be had).
+// Ports on loopback that were free a moment ago (0 when none could be had);
+// FreeUdpPort is the tests' support library's.
 unsigned short FreeTcpPort();
 unsigned short FreeUdpPort();
 

@@ -47,30 +47,19 @@ bool ConnexionLink::Exchange() {
     return received;
 }
 
-bool ConnexionLink::Send(int created) {
-    EXPECT_EQ(0, created) << "request not built";
-    return created == 0 && Exchange();
-}
-
-bool ConnexionLink::Execute(const wchar_t* sql) { return Send(request.CreateExec(sql)); }
-bool ConnexionLink::Select(const wchar_t* sql) { return Send(request.CreateExecSelect(sql)); }
-bool ConnexionLink::GetLine(int rows) { return Send(request.CreateGetLine(rows)); }
-bool ConnexionLink::ErrorText() { return Send(request.CreateGetErrorText()); }
-
 namespace {
 
-CParam* At(CMsgSocket& m, int i) {
+bool Built(int created) {
+    EXPECT_EQ(0, created) << "request not built";
+    return created == 0;
+}
+
+CParam* Typed(CMsgSocket& m, int i, int type) {
     CParam* p = nullptr;
     if (!m.GetParametre(i, &p)) {
         ADD_FAILURE() << "no value " << i << " (the message holds " << m.GetNbParametre() << ")";
         return nullptr;
     }
-    return p;
-}
-
-CParam* Typed(CMsgSocket& m, int i, int type) {
-    CParam* p = At(m, i);
-    if (!p) return nullptr;
     const int actual = static_cast<signed char>(p->cType);
     const bool text = type == SQL_C_CHAR || type == SQL_C_WCHAR;
     if ((text && actual != SQL_C_CHAR && actual != SQL_C_WCHAR) || (!text && actual != type) || p->bNull) {
@@ -83,32 +72,15 @@ CParam* Typed(CMsgSocket& m, int i, int type) {
 
 }  // namespace
 
+bool ConnexionLink::Execute(const wchar_t* sql) { return Built(request.CreateExec(sql)) && Exchange(); }
+bool ConnexionLink::Select(const wchar_t* sql) { return Built(request.CreateExecSelect(sql)) && Exchange(); }
+
 int LongAt(CMsgSocket& m, int i) {
     CParam* p = Typed(m, i, SQL_C_LONG);
     return p ? p->valNum.lVal : -12345;
 }
 
-long long BigAt(CMsgSocket& m, int i) {
-    CParam* p = Typed(m, i, SQL_C_SBIGINT);
-    return p ? p->valNum.llVal : -12345;
-}
-
-double DoubleAt(CMsgSocket& m, int i) {
-    CParam* p = Typed(m, i, SQL_C_DOUBLE);
-    return p ? p->valNum.dVal : -12345.0;
-}
-
 std::wstring TextAt(CMsgSocket& m, int i) {
     CParam* p = Typed(m, i, SQL_C_CHAR);
     return p && p->pszValeur ? p->pszValeur : L"<none>";
-}
-
-bool NullAt(CMsgSocket& m, int i) {
-    CParam* p = At(m, i);
-    return p && p->bNull;
-}
-
-int TypeAt(CMsgSocket& m, int i) {
-    CParam* p = At(m, i);
-    return p ? static_cast<signed char>(p->cType) : 0;
 }

@@ -41,22 +41,13 @@ struct ConnexionLink {
     // Sends the request built in `request` and receives its answer into
     // `answer`; false (and a test failure) when either did not happen.
     bool Exchange();
-    // The same once a request was built (`created`: the Create... result).
-    bool Send(int created);
-    // Shorthands: build, exchange.
+    // Build, then exchange.
     bool Execute(const wchar_t* sql);
     bool Select(const wchar_t* sql);
-    bool GetLine(int rows = 0);
-    bool ErrorText();
 };
 
 // Values of a message: the test fails when the value is missing or of another type.
 int LongAt(CMsgSocket& m, int i);
-long long BigAt(CMsgSocket& m, int i);
-double DoubleAt(CMsgSocket& m, int i);
 std::wstring TextAt(CMsgSocket& m, int i);
-bool NullAt(CMsgSocket& m, int i);
-// Type code of value i, signed (SQL_C_WCHAR is -8).
-int TypeAt(CMsgSocket& m, int i);
 
 #endif

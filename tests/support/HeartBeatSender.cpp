@@ -56,7 +56,7 @@ void HeartBeatSender::Stop() {
 void HeartBeatSender::Loop(DWORD periodMs) {
     const peer::Bytes datagram = HeartBeatDatagram();
     for (;;) {
-        if (Send(datagram)) ++sent_;
+        Send(datagram);
         std::unique_lock<std::mutex> lock(mutex_);
         if (wake_.wait_for(lock, std::chrono::milliseconds(periodMs), [this] { return stop_; })) {
             return;

@@ -27,11 +27,6 @@ int CapturedTexts::CountContaining(const std::wstring& part) {
     return n;
 }
 
-void CapturedTexts::Clear() {
-    std::lock_guard<std::mutex> guard(lock_);
-    texts_.clear();
-}
-
 void OperationSession::SetUp() {
     SockInitWinSock();
     KvnSetDebugOutputHook(&CapturedTexts::Hook, &debugger);

@@ -1,7 +1,5 @@
 // A client with an open session and one logical connection to the scripted
-// test service, for the tests of the database operations: the test gives the
-// script of the connection's link, runs the operations and looks at what the
-// application sees and at what the service read.
+// test service, for the tests of the database operations.
 #ifndef KVN_TESTS_SUPPORT_OPERATIONSESSION_H
 #define KVN_TESTS_SUPPORT_OPERATIONSESSION_H
 
@@ -29,9 +27,7 @@ class CapturedTexts {
 public:
     static void Hook(const wchar_t* text, void* context);
     int Count(const std::wstring& text);
-    // Texts that contain part.
     int CountContaining(const std::wstring& part);
-    void Clear();
 
 private:
     std::mutex lock_;
@@ -49,8 +45,7 @@ protected:
     void Open(peer::Script script);
     // The same with the communication parameters of `answer`.
     void Open(const SessionAnswer& answer, peer::Script script);
-    // Ends the session and waits for the service's scripts: what the service
-    // read can then be looked at.
+    // Ends the session and waits for the service's scripts.
     void Finish();
     // Lines of log level `level` and below reach `log` from now on.
     void LogUpTo(int level);

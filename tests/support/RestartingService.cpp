@@ -53,14 +53,10 @@ void RestartingService::Record(const Registration& r) {
     registrations_.push_back(r);
 }
 
-std::vector<Registration> RestartingService::Registrations() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return registrations_;
-}
-
 std::vector<Registration> RestartingService::Registrations(int fonction) const {
+    std::lock_guard<std::mutex> guard(mutex_);
     std::vector<Registration> found;
-    for (const Registration& r : Registrations())
+    for (const Registration& r : registrations_)
         if (r.fonction == fonction) found.push_back(r);
     return found;
 }
@@ -121,9 +117,7 @@ void RestartingService::Serve(peer::Connection& c) {
         }
         if (mainLink && heartBeats_ != heartBeatsSent) {
             ++heartBeatsSent;
-            if (SendAcknowledged(c, peer::Msg(KVN_HEART_BEAT, reg.idApplication, 0))) {
-                ++heartBeatsAcked_;
-            }
+            if (SendAcknowledged(c, peer::Msg(KVN_HEART_BEAT, reg.idApplication, 0))) ++heartBeatsAcked_;
         }
         peer::Message m = c.Read(kPollMs);
         if (!m.complete && !m.raw.empty()) m = Complete(c, m);
@@ -134,7 +128,6 @@ void RestartingService::Serve(peer::Connection& c) {
         }
         c.Ack(m);
         if (m.Fonction() == KVN_EXECUTE) {
-            ++executes_;
             SendAcknowledged(c, peer::Msg(KVN_EXECUTE, m.IdApplication(), m.IdConnexion(),
                                           {peer::Long(0), peer::Long(1)}));
         }

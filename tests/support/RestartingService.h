@@ -1,13 +1,9 @@
-// A test service that lives through restarts, for the tests of the
-// supervision: every socket it accepts plays the same script, which learns
-// from the first message what the link is (the application's main link, a
-// logical connection) and serves it until the client closes it or the service
-// restarts. It registers applications and connections, answers every
-// KVN_EXECUTE with success, can refuse re-registrations, and can push a
-// KVN_HEART_BEAT on the main link.
-//
-// It never fails a test by itself when a link breaks in the middle of an
-// exchange: breaking links is what the tests do to it.
+// A test service that lives through restarts: every accepted socket learns
+// from its first message what link it is (main link, logical connection) and
+// is served until the client closes it or the service restarts. It registers
+// applications and connections, answers every KVN_EXECUTE with success, can
+// refuse re-registrations and push a KVN_HEART_BEAT on the main link. It never
+// fails a test when a link breaks: breaking links is what the tests do to it.
 #ifndef KVN_TESTS_SUPPORT_RESTARTINGSERVICE_H
 #define KVN_TESTS_SUPPORT_RESTARTINGSERVICE_H
 
@@ -45,10 +41,8 @@ public:
     // Each main link open now sends one KVN_HEART_BEAT message.
     void HeartBeatOnMainLink() { ++heartBeats_; }
 
-    std::vector<Registration> Registrations() const;
-    // Registrations of this function code only.
+    // Registrations of this function code.
     std::vector<Registration> Registrations(int fonction) const;
-    int Executes() const { return executes_; }
     // Heartbeat messages the client acknowledged on the main link.
     int HeartBeatsAcknowledged() const { return heartBeatsAcked_; }
 
@@ -67,7 +61,6 @@ private:
     std::atomic<int> generation_{0};
     std::atomic<int> heartBeats_{0};
     std::atomic<int> heartBeatsAcked_{0};
-    std::atomic<int> executes_{0};
     mutable std::mutex mutex_;
     std::vector<Registration> registrations_;
 };

@@ -1,7 +1,6 @@
 // The registration of an application with a test service.
 #include "support/ServiceSession.h"
 
-
 #include <korvane/KvnDefs.h>
 
 peer::Message InitApplicationAnswer(const SessionAnswer& a, int fonction) {

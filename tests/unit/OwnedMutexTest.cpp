@@ -72,14 +72,22 @@ protected:
     }
 };
 
-TEST_F(OwnedMutexTest, AHolderThatEndsWithoutUnlockingHandsTheLockOnAtOnce) {
+TEST_F(OwnedMutexTest, ALockLeftByAnEndedHolderOrAnInvalidHandleIsGotAtOnce) {
     COwnedMutex m;
     Holder(m, L"Holder", false).Leave();
-    const auto start = Clock::now();
+    auto start = Clock::now();
     EXPECT_EQ(LockOwnedMutex(m, 2000, L"Suivant"), 1);
     EXPECT_LT(MsSince(start), 1000);
     EXPECT_EQ(m.ErrCount.load(), 0);
     ExpectLines({});
+    UnlockOwnedMutex(m);
+
+    // An invalid handle is replaced.
+    KvnCloseHandle(m.GetHandle());
+    start = Clock::now();
+    EXPECT_EQ(LockOwnedMutex(m, 2000, L"ResetFifo"), 1);
+    EXPECT_LT(MsSince(start), 1000);
+    ExpectLines({L"ResetFifo Mutex Re-CREATED  "});
     UnlockOwnedMutex(m);
 }
 
@@ -142,16 +150,6 @@ TEST_F(OwnedMutexTest, AFailureAfterAnUnlockNamesNoHolderAndACallerWithoutANameI
     for (int i = 0; i < 4; ++i) EXPECT_EQ(LockOwnedMutex(m, 20, nullptr), 0);
     EXPECT_EQ(m.ErrCount.load(), 1);
     ExpectLines({L"Second ERROR (#-1) Locked by "});
-}
-
-TEST_F(OwnedMutexTest, AnInvalidHandleIsReplacedAtOnce) {
-    COwnedMutex m;
-    KvnCloseHandle(m.GetHandle());
-    const auto start = Clock::now();
-    EXPECT_EQ(LockOwnedMutex(m, 2000, L"ResetFifo"), 1);
-    EXPECT_LT(MsSince(start), 1000);
-    ExpectLines({L"ResetFifo Mutex Re-CREATED  "});
-    UnlockOwnedMutex(m);
 }
 
 TEST_F(OwnedMutexTest, ManyThreadsNeverShareTheSectionWhileTheMutexIsRecreated) {
