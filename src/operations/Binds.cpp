@@ -14,6 +14,7 @@
 
 #include "client/CConnexionKorvane.h"
 #include "operations/RequestFrame.h"
+#include "protocol/WireText.h"
 
 namespace {
 
@@ -88,7 +89,8 @@ int CKorvaneClient::BindParameter(int hCnx, int colonne, int type, void* valeur,
             }
             std::wmemcpy(slot.pszValeur, text, n);
             slot.pszValeur[n] = L'\0';
-            slot.nTaille = static_cast<short>(taille & 0xFFFF);
+            // The record's size counts UTF-16 code units, not wide characters.
+            slot.nTaille = static_cast<short>(WireDeclaredUnits(text, taille) & 0xFFFF);
             break;
         }
         }

@@ -17,6 +17,7 @@
 #include "client/CConnexionKorvane.h"
 #include "diag/Log.h"
 #include "operations/RequestFrame.h"
+#include "protocol/WireText.h"
 
 namespace {
 
@@ -62,11 +63,13 @@ void FillSlot(CParamProc& slot, int sens, int type, const void* valeur, unsigned
     slot.dateValeur = KvnTimestamp();
 
     if (IsTextType(t)) {
-        slot.nTaille = sens == KVN_PARAM_OUT ? 0 : static_cast<short>(taille & 0xFFFF);
+        slot.nTaille = 0;
         if (slot.bNull) return;
         // At most taille characters are read: the application declares the
-        // length of its text, nothing past it is touched.
+        // length of its text, nothing past it is touched. The record's size
+        // counts UTF-16 code units, not wide characters.
         const wchar_t* text = static_cast<const wchar_t*>(valeur);
+        slot.nTaille = static_cast<short>(WireDeclaredUnits(text, taille) & 0xFFFF);
         std::size_t n = taille == 0 ? 0 : BoundedLength(text, taille);
         slot.pszValeur = new (std::nothrow) wchar_t[n + 1];
         if (slot.pszValeur) {

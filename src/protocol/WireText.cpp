@@ -79,6 +79,11 @@ std::size_t WireUtf16Units(const wchar_t* text, std::size_t chars) {
     return units;
 }
 
+std::size_t WireDeclaredUnits(const wchar_t* text, std::size_t declared) {
+    std::size_t chars = WireTextLength(text, declared);
+    return WireUtf16Units(text, chars) + (declared - chars);
+}
+
 std::size_t WireFitUnits(const wchar_t* text, std::size_t chars, std::size_t maxUnits,
                          std::size_t* pUnits) {
     std::size_t units = 0;

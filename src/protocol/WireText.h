@@ -27,6 +27,13 @@ std::size_t WireTextLength(const wchar_t* text, std::size_t maxChars);
 // UTF-16 code units of the first `chars` wide characters of text.
 std::size_t WireUtf16Units(const wchar_t* text, std::size_t chars);
 
+// UTF-16 code units of a text that the application declares as `declared`
+// wide characters: the characters before its terminator count their code
+// units, each declared position past the terminator one. Where wchar_t is 16
+// bits this is `declared` itself; where it is 32 bits every character beyond
+// U+FFFF adds one, so that the record carries the whole text.
+std::size_t WireDeclaredUnits(const wchar_t* text, std::size_t declared);
+
 // The longest start of the first `chars` wide characters of text that takes
 // at most maxUnits code units without splitting a surrogate pair: returns its
 // length in wide characters and stores its length in code units in *pUnits.

@@ -87,6 +87,32 @@ TEST_F(E2ePostgres, StoredProceduresReturnTheirOutAndInOutValues) {
     EXPECT_DOUBLE_EQ(2500000000.0, half);
 }
 
+TEST_F(E2ePostgres, TextsBeyondTheBasicPlaneRoundTripWhole) {
+    // Two UTF-16 code units each on the wire, one wide character each where
+    // wchar_t is 32 bits: every size sent must count code units.
+    wchar_t in[] = L"a\U0001F680b";
+    wchar_t inout[64] = L"\U00010348x\U0001F600";
+    wchar_t out[64] = L"";
+    MustExecute(L"CREATE OR REPLACE FUNCTION kvn_astral(IN a varchar, INOUT b varchar, OUT c varchar) AS $$ "
+                L"BEGIN c := a || '|' || b; b := b || a; END $$ LANGUAGE plpgsql");
+    ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, SQL_C_WCHAR, in, std::wcslen(in)));
+    ASSERT_EQ(KVN_NO_ERROR,
+              client.SetStoredProcParams(hCnx, 2, KVN_PARAM_INOUT, SQL_C_WCHAR, inout, std::wcslen(inout)));
+    ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 3, KVN_PARAM_OUT, SQL_C_WCHAR, out, 0));
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, L"kvn_astral", 0)) << ErrorText();
+    EXPECT_STREQ(L"\U00010348x\U0001F600a\U0001F680b", inout);
+    EXPECT_STREQ(L"a\U0001F680b|\U00010348x\U0001F600", out);
+
+    // The same text bound to a statement, and read back by every text reader.
+    MustExecute(L"CREATE TABLE IF NOT EXISTS kvn_astral_t (v varchar(20))");
+    MustExecute(L"DELETE FROM kvn_astral_t");
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, 1, SQL_C_WCHAR, in, std::wcslen(in)));
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteBind(hCnx, L"INSERT INTO kvn_astral_t VALUES (?)", resultat)) << ErrorText();
+    SelectOne(L"SELECT v, length(v) FROM kvn_astral_t");
+    ExpectReads({{1, 'x', in}, {1, 'w', in}, {1, 'c', in}, {2, 'l', L"3"}});
+}
+
 TEST_F(E2ePostgres, ProcedureCallsWithoutValuesAndRefusedCalls) {
     MustExecute(L"CREATE TABLE IF NOT EXISTS kvn_calls (at timestamp DEFAULT now())");
     MustExecute(L"DELETE FROM kvn_calls");

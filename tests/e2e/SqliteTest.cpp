@@ -174,7 +174,7 @@ TEST_F(E2eSqlite, GetDataConvertsEveryColumnTypeAndGivesEachReadersNullValue) {
 
 TEST_F(E2eSqlite, BoundValuesOfEveryTypeReachTheDatabase) {
     MustExecute(L"CREATE TABLE bound (id INTEGER PRIMARY KEY, big INTEGER, d DOUBLE, ts TIMESTAMP, "
-                L"w VARCHAR(40), c VARCHAR(40), n VARCHAR(10), u VARCHAR(10), cut VARCHAR(10))");
+                L"w VARCHAR(40), c VARCHAR(40), n VARCHAR(10), u VARCHAR(10), cut VARCHAR(10), astral VARCHAR(10))");
     std::int32_t id = 7;
     std::int64_t big = -5000000000LL;
     double d = 2.25;
@@ -183,27 +183,32 @@ TEST_F(E2eSqlite, BoundValuesOfEveryTypeReachTheDatabase) {
     wchar_t narrow[] = L"plain";
     std::int32_t unused = 1;
     wchar_t longer[] = L"abcdef";
+    // Characters beyond U+FFFF take two UTF-16 code units on the wire but one
+    // wide character where wchar_t is 32 bits: the size sent must count units.
+    wchar_t astral[] = L"a\U0001F680b\U00010348";
     struct Bind {
         int type;
         void* value;
         std::size_t size;
     };
-    // Parameter 7 is a NULL, 8 of no known type (a NULL too), 9 read up to 3 characters.
+    // Parameter 7 is a NULL, 8 of no known type (a NULL too), 9 read up to 3 characters,
+    // 10 holds characters beyond U+FFFF.
     const Bind binds[] = {{SQL_C_LONG, &id, 4},      {SQL_C_SBIGINT, &big, 8},       {SQL_C_DOUBLE, &d, 8},
                           {SQL_C_TIMESTAMP, &ts, sizeof ts}, {SQL_C_WCHAR, wide, std::wcslen(wide)},
                           {SQL_C_CHAR, narrow, 5},   {SQL_C_LONG, nullptr, 4},       {3, &unused, 4},
-                          {SQL_C_WCHAR, longer, 3}};
-    for (int i = 0; i < 9; ++i) {
+                          {SQL_C_WCHAR, longer, 3},  {SQL_C_WCHAR, astral, std::wcslen(astral)}};
+    for (int i = 0; i < 10; ++i) {
         ASSERT_EQ(KVN_NO_ERROR, client.BindParameter(hCnx, i + 1, binds[i].type, binds[i].value, binds[i].size)) << i;
     }
     int resultat = -1;
     ASSERT_EQ(KVN_NO_ERROR,
-              client.ExecuteBind(hCnx, L"INSERT INTO bound VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)", resultat))
+              client.ExecuteBind(hCnx, L"INSERT INTO bound VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", resultat))
         << ErrorText();
     EXPECT_EQ(1, resultat);
-    SelectOne(L"SELECT id, big, d, ts, w, c, n, u, cut FROM bound");
+    SelectOne(L"SELECT id, big, d, ts, w, c, n, u, cut, astral FROM bound");
     ExpectReads({{1, 'l', L"7"}, {2, 'b', L"-5000000000"}, {3, 'd', L"2.25"}, {4, 't', L"2024-02-29 23:59:58.000"},
-                 {5, 'x', wide}, {6, 'x', L"plain"}, {7, 'x', L"NULL "}, {8, 'x', L"NULL "}, {9, 'x', L"abc"}});
+                 {5, 'x', wide}, {6, 'x', L"plain"}, {7, 'x', L"NULL "}, {8, 'x', L"NULL "}, {9, 'x', L"abc"},
+                 {10, 'x', astral}, {10, 'w', astral}});
 
     // A bound statement that changes rows, and one the database refuses.
     double newD = -0.5;
