@@ -15,6 +15,8 @@
 #ifndef KORVANE_PLATFORM_SOCKETS_H
 #define KORVANE_PLATFORM_SOCKETS_H
 
+#include <string>
+
 #include <korvane/platform/KvnTypes.h>
 
 #if !defined(_WIN32)
@@ -48,6 +50,9 @@ int KvnSocketStartup(WORD version, WORD* granted);
 // 0 on success.
 int KvnSocketCleanup();
 int KvnSocketError();
+// The system's own text for a number that KvnSocketError() returned
+// ("Address already in use"), for messages that people read.
+std::string KvnSocketErrorText(int error);
 
 // 0.0.0.0 and 127.0.0.1 in network byte order, for the functions below.
 #define KVN_ADDR_ANY 0x00000000u
@@ -103,6 +108,9 @@ int KvnSendTo(SOCKET s, const char* data, int length, DWORD address, unsigned sh
 SOCKET KvnTcpListen(DWORD address, unsigned short port, int backlog);
 // The local port of a bound socket, 0 on failure.
 unsigned short KvnGetLocalPort(SOCKET s);
+// The IPv4 address (network byte order) of a connected socket's peer: 0, or
+// -1 when the socket has none.
+int KvnGetPeerAddress(SOCKET s, DWORD* address);
 // Waits up to timeoutMs for a connection; INVALID_SOCKET on time-out or error.
 SOCKET KvnAccept(SOCKET listening, DWORD timeoutMs);
 // Shuts down both directions without closing.

@@ -222,6 +222,28 @@ int KvnSocketCleanup() { return 0; }
 
 int KvnSocketError() { return static_cast<int>(KvnGetLastError()); }
 
+std::string KvnSocketErrorText(int error) {
+    // Back from the Windows Sockets number to the errno it stands for, where
+    // several share one number the one that the usual failure gives.
+    static const struct {
+        int wsa;
+        int err;
+    } kErrnos[] = {
+        {WSAEINTR, EINTR}, {WSAENOTSOCK, ENOTSOCK}, {kWsaEAccess, EACCES}, {kWsaEFault, EFAULT},
+        {WSAEINVAL, EINVAL}, {kWsaEMFile, EMFILE}, {WSAEWOULDBLOCK, EWOULDBLOCK}, {kWsaEAlready, EALREADY},
+        {kWsaEMsgSize, EMSGSIZE}, {kWsaENoProtoOpt, ENOPROTOOPT}, {kWsaEOpNotSupp, EOPNOTSUPP},
+        {kWsaEAfNoSupport, EAFNOSUPPORT}, {WSAEADDRINUSE, EADDRINUSE}, {kWsaEAddrNotAvail, EADDRNOTAVAIL},
+        {WSAENETDOWN, ENETDOWN}, {WSAENETUNREACH, ENETUNREACH}, {kWsaENetReset, ENETRESET},
+        {WSAECONNABORTED, ECONNABORTED}, {WSAECONNRESET, ECONNRESET}, {kWsaENoBufs, ENOBUFS},
+        {kWsaEIsConn, EISCONN}, {WSAENOTCONN, ENOTCONN}, {WSAESHUTDOWN, ESHUTDOWN}, {WSAETIMEDOUT, ETIMEDOUT},
+        {WSAECONNREFUSED, ECONNREFUSED}, {kWsaEHostDown, EHOSTDOWN}, {WSAEHOSTUNREACH, EHOSTUNREACH},
+    };
+    for (const auto& e : kErrnos) {
+        if (e.wsa == error) return std::strerror(e.err);
+    }
+    return "socket error " + std::to_string(error);
+}
+
 DWORD KvnLoopbackAddress() { return htonl(INADDR_LOOPBACK); }
 
 DWORD KvnInetAddr(const char* text) {
@@ -423,6 +445,17 @@ unsigned short KvnGetLocalPort(SOCKET s) {
     }
     if (sa.sin_family != AF_INET) return 0;
     return ntohs(sa.sin_port);
+}
+
+int KvnGetPeerAddress(SOCKET s, DWORD* address) {
+    int fd;
+    if (!ToFd(s, fd)) return -1;
+    sockaddr_in sa;
+    socklen_t length = sizeof sa;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&sa), &length) != 0) return FailErrno();
+    if (sa.sin_family != AF_INET) return Fail(WSAEINVAL);
+    *address = sa.sin_addr.s_addr;
+    return 0;
 }
 
 SOCKET KvnAccept(SOCKET listening, DWORD timeoutMs) {

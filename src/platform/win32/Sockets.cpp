@@ -64,6 +64,15 @@ int KvnSocketCleanup() { return WSACleanup(); }
 
 int KvnSocketError() { return WSAGetLastError(); }
 
+std::string KvnSocketErrorText(int error) {
+    char text[256] = {};
+    const DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                   static_cast<DWORD>(error), 0, text, sizeof text, nullptr);
+    std::string s(text, n);
+    while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ' || s.back() == '.')) s.pop_back();
+    return s.empty() ? "socket error " + std::to_string(error) : s;
+}
+
 DWORD KvnLoopbackAddress() { return htonl(INADDR_LOOPBACK); }
 
 DWORD KvnInetAddr(const char* text) {
@@ -184,6 +193,15 @@ unsigned short KvnGetLocalPort(SOCKET s) {
     int length = sizeof sa;
     if (getsockname(s, reinterpret_cast<sockaddr*>(&sa), &length) != 0) return 0;
     return ntohs(sa.sin_port);
+}
+
+int KvnGetPeerAddress(SOCKET s, DWORD* address) {
+    sockaddr_in sa;
+    std::memset(&sa, 0, sizeof sa);
+    int length = sizeof sa;
+    if (getpeername(s, reinterpret_cast<sockaddr*>(&sa), &length) != 0 || sa.sin_family != AF_INET) return -1;
+    *address = sa.sin_addr.s_addr;
+    return 0;
 }
 
 SOCKET KvnAccept(SOCKET listening, DWORD timeoutMs) {
