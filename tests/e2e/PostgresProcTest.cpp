@@ -87,6 +87,31 @@ TEST_F(E2ePostgres, StoredProceduresReturnTheirOutAndInOutValues) {
     EXPECT_DOUBLE_EQ(2500000000.0, half);
 }
 
+TEST_F(E2ePostgres, ProceduresAndAFunctionsReturnValue) {
+    // A procedure is not a function on PostgreSQL: it takes CALL, and its
+    // OUT arguments too.
+    MustExecute(L"CREATE OR REPLACE PROCEDURE kvn_add_tax(IN price numeric, INOUT total numeric, OUT note text) "
+                L"AS $$ BEGIN total := total + price * 0.2; note := 'taxed'; END $$ LANGUAGE plpgsql");
+    double price = 100;
+    double total = 1;
+    wchar_t note[32] = L"";
+    ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, SQL_C_DOUBLE, &price, 0));
+    ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 2, KVN_PARAM_INOUT, SQL_C_DOUBLE, &total, 0));
+    ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 3, KVN_PARAM_OUT, SQL_C_WCHAR, note, 0));
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, L"public.kvn_add_tax", 0)) << ErrorText();
+    EXPECT_DOUBLE_EQ(21, total);
+    EXPECT_STREQ(L"taxed", note);
+
+    // A function's return value comes back in an OUT parameter.
+    MustExecute(L"CREATE OR REPLACE FUNCTION kvn_twice(n integer) RETURNS integer AS $$ SELECT n * 2 $$ "
+                L"LANGUAGE sql");
+    std::int32_t n = 21, twice = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, SQL_C_LONG, &n, 0));
+    ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 2, KVN_PARAM_OUT, SQL_C_LONG, &twice, 0));
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, L"KVN_TWICE", 0)) << ErrorText();
+    EXPECT_EQ(42, twice);
+}
+
 TEST_F(E2ePostgres, TextsBeyondTheBasicPlaneRoundTripWhole) {
     // Two UTF-16 code units each on the wire, one wide character each where
     // wchar_t is 32 bits: every size sent must count code units.

@@ -114,6 +114,14 @@ TEST_F(E2eSqlite, SelectDeliversEveryRowAcrossManyBlocks) {
     EXPECT_TRUE(SelectIds(L"SELECT id FROM rows WHERE id > 1000", &end).empty());
     EXPECT_EQ(KVN_NO_DATA, end);
 
+    // A statement without result set through the select path: the value
+    // says so, with the rows it affected (-1 - n), and no row comes.
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"UPDATE rows SET name = 'y' WHERE id <= 3", resultat));
+    EXPECT_EQ(-4, resultat);
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"SELECT id FROM rows WHERE id < 0", resultat));
+    EXPECT_EQ(1, resultat) << "an empty result set still has its column";
+
     // A statement empties the rows of the select before it.
     SelectOne(L"SELECT id FROM rows");
     MustExecute(L"UPDATE rows SET name = 'x' WHERE id = 1");

@@ -33,6 +33,16 @@ int ClampToInt(long long n) {
     return static_cast<int>(n);
 }
 
+// The value beside a select's rows tells a result set, even an empty one,
+// from a statement that returns none: the result's column count (1 or more);
+// for a statement without result set, -1 - the rows it affected, or 0 when
+// the database cannot tell them.
+int SelectResultat(int columns, long long rowsAffected) {
+    if (columns > 0) return columns;
+    if (rowsAffected < 0) return 0;
+    return ClampToInt(-1 - rowsAffected);
+}
+
 // The start of a statement, for the log.
 std::string Excerpt(const std::string& sql) {
     return sql.size() <= 120 ? sql : sql.substr(0, 117) + "...";
@@ -133,10 +143,11 @@ void Session::AnswerExecuteSelect(CMsgSocket& request, CMsgSocket& answer) {
     if (!ReadText(request, 0, &sql)) return ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_PARAMETER);
     ServiceLog(2, "app %d cnx %d: select %s", idApplication_, idConnexion_, Excerpt(sql).c_str());
     int columns = 0;
-    if (!db_->OpenSelect(sql, &columns)) return ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_ODBC);
+    long long rows = -1;
+    if (!db_->OpenSelect(sql, &columns, &rows)) return ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_ODBC);
     StartAnswer(answer, KVN_EXECUTESELECT);
     AddLong(answer, KVN_NO_ERROR);
-    AddLong(answer, columns);       // the value beside the rows: the result's column count
+    AddLong(answer, SelectResultat(columns, rows));
     AddLong(answer, KVN_NO_ERROR);  // status of the first block
     if (!AddBlock(answer, server_.Options().blockRows)) {
         ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_ODBC);

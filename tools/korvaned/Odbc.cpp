@@ -220,6 +220,56 @@ DbValue ReadBack(const DbValue& declared, const Bound& b) {
     return v;
 }
 
+// Reads column of the current row of stmt into v, as v.kind says.
+SQLRETURN ReadValue(SQLHSTMT stmt, SQLUSMALLINT column, DbValue& v) {
+    SQLLEN indicator = 0;
+    SQLRETURN r = SQL_SUCCESS;
+    switch (v.kind) {
+    case DbValue::Kind::Integer:
+    case DbValue::Kind::BigInt: {
+        // Read 64 bits whatever the declared width (SQLite keeps 64-bit
+        // integers in INTEGER columns); sent as 32 bits when they fit.
+        SQLBIGINT n = 0;
+        r = SQLGetData(stmt, column, SQL_C_SBIGINT, &n, sizeof(n), &indicator);
+        v.integer = n;
+        if (v.kind == DbValue::Kind::Integer &&
+            (n < std::numeric_limits<std::int32_t>::min() || n > std::numeric_limits<std::int32_t>::max())) {
+            v.kind = DbValue::Kind::BigInt;
+        }
+        break;
+    }
+    case DbValue::Kind::Double:
+        r = SQLGetData(stmt, column, SQL_C_DOUBLE, &v.real, sizeof(v.real), &indicator);
+        break;
+    case DbValue::Kind::Timestamp: {
+        SQL_TIMESTAMP_STRUCT ts{};
+        r = SQLGetData(stmt, column, SQL_C_TYPE_TIMESTAMP, &ts, sizeof(ts), &indicator);
+        v.timestamp = FromOdbc(ts);
+        break;
+    }
+    case DbValue::Kind::Text: {
+        char chunk[4096];
+        for (;;) {
+            r = SQLGetData(stmt, column, SQL_C_CHAR, chunk, sizeof(chunk), &indicator);
+            if (r == SQL_NO_DATA) {
+                r = SQL_SUCCESS;
+                break;
+            }
+            if (!SQL_SUCCEEDED(r) || indicator == SQL_NULL_DATA) break;
+            const std::size_t got = (indicator == SQL_NO_TOTAL || indicator >= static_cast<SQLLEN>(sizeof(chunk)))
+                                        ? sizeof(chunk) - 1
+                                        : static_cast<std::size_t>(indicator);
+            if (v.text.size() < kMaxTextBytes) v.text.append(chunk, got);
+            if (r == SQL_SUCCESS) break;
+        }
+        break;
+    }
+    }
+    v.null = indicator == SQL_NULL_DATA;
+    if (v.null) v.text.clear();
+    return r;
+}
+
 }  // namespace
 
 std::string FindSqliteDriver() {
@@ -255,7 +305,8 @@ struct OdbcConnexion::Cursor {
     bool hasPending = false;
 };
 
-OdbcConnexion::OdbcConnexion() : dbc_(nullptr), cursor_(nullptr), selectColumns_(0), broken_(false) {}
+OdbcConnexion::OdbcConnexion()
+    : dbc_(nullptr), cursor_(nullptr), selectColumns_(0), broken_(false), postgres_(false) {}
 
 OdbcConnexion::~OdbcConnexion() { Close(); }
 
@@ -281,6 +332,10 @@ bool OdbcConnexion::Open(const std::string& connectionString) {
         return false;
     }
     dbc_ = dbc;
+    char dbms[64] = {};
+    SQLSMALLINT dbmsLength = 0;
+    postgres_ = SQL_SUCCEEDED(SQLGetInfo(dbc, SQL_DBMS_NAME, dbms, sizeof(dbms), &dbmsLength)) &&
+                std::strcmp(dbms, "PostgreSQL") == 0;
     return true;
 }
 
@@ -396,6 +451,13 @@ bool OdbcConnexion::ExecuteBind(const std::string& sql, const std::vector<DbValu
 }
 
 bool OdbcConnexion::CallProcedure(const std::string& name, std::vector<DbProcParam>& params) {
+    if (postgres_) {
+        // Its driver turns {CALL} into a select from a function, which a
+        // procedure is not.
+        bool procedure = false;
+        if (!IsPostgresProcedure(name, &procedure)) return false;
+        return CallPostgres(name, procedure, params);
+    }
     StatementGuard g{NewStatement()};
     if (!g.stmt) return false;
     SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
@@ -437,8 +499,133 @@ bool OdbcConnexion::CallProcedure(const std::string& name, std::vector<DbProcPar
     return true;
 }
 
-bool OdbcConnexion::OpenSelect(const std::string& sql, int* columns) {
+namespace {
+
+// The parts of a PostgreSQL name (schema.name): unquoted parts fold to
+// lower case, quoted ones keep their case and lose their quotes.
+std::vector<std::string> PostgresNameParts(const std::string& name) {
+    std::vector<std::string> parts(1);
+    bool quoted = false;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        const char c = name[i];
+        if (c == '"') {
+            if (quoted && i + 1 < name.size() && name[i + 1] == '"') {
+                parts.back() += '"';
+                ++i;
+            } else {
+                quoted = !quoted;
+            }
+        } else if (c == '.' && !quoted) {
+            parts.emplace_back();
+        } else {
+            parts.back() += quoted ? c : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+    }
+    return parts;
+}
+
+DbValue TextValue(const std::string& text) {
+    DbValue v;
+    v.null = false;
+    v.text = text;
+    return v;
+}
+
+}  // namespace
+
+bool OdbcConnexion::IsPostgresProcedure(const std::string& name, bool* procedure) {
+    *procedure = false;
+    const std::vector<std::string> parts = PostgresNameParts(name);
+    std::string sql = "SELECT count(*) FROM pg_catalog.pg_proc p JOIN pg_catalog.pg_namespace n "
+                      "ON n.oid = p.pronamespace WHERE p.prokind = 'p' AND p.proname = ? AND ";
+    sql += parts.size() > 1 ? "n.nspname = ?" : "pg_catalog.pg_function_is_visible(p.oid)";
+    StatementGuard g{NewStatement()};
+    if (!g.stmt) return false;
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
+    std::deque<Bound> bound(2);
+    const DbValue procName = TextValue(parts.back());
+    const DbValue schema = TextValue(parts.front());
+    if (!SQL_SUCCEEDED(SQLPrepare(stmt, Sql(sql), SqlLength(sql))) ||
+        !SQL_SUCCEEDED(BindOne(stmt, 1, SQL_PARAM_INPUT, procName, bound[0])) ||
+        (parts.size() > 1 && !SQL_SUCCEEDED(BindOne(stmt, 2, SQL_PARAM_INPUT, schema, bound[1])))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLPrepare");
+        return false;
+    }
+    DbValue count;
+    count.kind = DbValue::Kind::BigInt;
+    if (!SQL_SUCCEEDED(SQLExecute(stmt)) || !SQL_SUCCEEDED(SQLFetch(stmt)) ||
+        !SQL_SUCCEEDED(ReadValue(stmt, 1, count))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "catalog of procedures");
+        return false;
+    }
+    *procedure = count.integer > 0;
+    return true;
+}
+
+bool OdbcConnexion::CallPostgres(const std::string& name, bool procedure, std::vector<DbProcParam>& params) {
+    // The IN and IN/OUT values are sent; the IN/OUT and OUT values come back
+    // as the columns of the row that the call returns (a function's own
+    // return value being its only column). A procedure takes its OUT
+    // arguments too, as NULL.
+    std::string call = (procedure ? "CALL " : "SELECT * FROM ") + name + "(";
+    std::vector<const DbValue*> inputs;
+    for (const DbProcParam& p : params) {
+        if (p.direction == DbDirection::Out && !procedure) continue;
+        if (call.back() != '(') call += ", ";
+        if (p.direction == DbDirection::Out) {
+            call += "NULL";
+        } else {
+            call += "?";
+            inputs.push_back(&p.value);
+        }
+    }
+    call += ")";
+    StatementGuard g{NewStatement()};
+    if (!g.stmt) return false;
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
+    if (!SQL_SUCCEEDED(SQLPrepare(stmt, Sql(call), SqlLength(call)))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLPrepare");
+        return false;
+    }
+    std::deque<Bound> bound(inputs.size());
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+        if (!SQL_SUCCEEDED(BindOne(stmt, static_cast<SQLUSMALLINT>(i + 1), SQL_PARAM_INPUT, *inputs[i], bound[i]))) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLBindParameter");
+            return false;
+        }
+    }
+    if (!Ran(SQLExecute(stmt))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLExecute");
+        return false;
+    }
+    SQLSMALLINT columns = 0;
+    if (!SQL_SUCCEEDED(SQLNumResultCols(stmt, &columns)) || columns <= 0) return true;
+    const SQLRETURN fetched = SQLFetch(stmt);
+    if (fetched == SQL_NO_DATA) return true;  // no row: the OUT values stay NULL
+    if (!SQL_SUCCEEDED(fetched)) {
+        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLFetch");
+        return false;
+    }
+    SQLUSMALLINT column = 1;
+    for (DbProcParam& p : params) {
+        if (p.direction == DbDirection::In) continue;
+        if (column > columns) break;
+        DbValue v;
+        v.kind = p.value.kind;
+        if (!SQL_SUCCEEDED(ReadValue(stmt, column++, v))) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLGetData");
+            return false;
+        }
+        // A 32-bit parameter keeps its type even when the column is wider.
+        if (p.value.kind == DbValue::Kind::Integer) v.kind = DbValue::Kind::Integer;
+        p.value = v;
+    }
+    return true;
+}
+
+bool OdbcConnexion::OpenSelect(const std::string& sql, int* columns, long long* rowCount) {
     CloseSelect();
+    *rowCount = -1;
     SQLHSTMT stmt = static_cast<SQLHSTMT>(NewStatement());
     if (!stmt) return false;
     SQLRETURN r = SQLExecDirect(stmt, Sql(sql), SqlLength(sql));
@@ -449,6 +636,7 @@ bool OdbcConnexion::OpenSelect(const std::string& sql, int* columns) {
     }
     SQLSMALLINT count = 0;
     if (r == SQL_NO_DATA || !SQL_SUCCEEDED(SQLNumResultCols(stmt, &count)) || count <= 0) {
+        *rowCount = r == SQL_NO_DATA ? 0 : RowCount(stmt);
         FreeStatement(stmt);
         *columns = 0;
         return true;
@@ -484,58 +672,12 @@ bool OdbcConnexion::ReadRow(std::vector<DbValue>* cells, std::size_t* bytes) {
     SQLHSTMT stmt = static_cast<SQLHSTMT>(cursor_->stmt);
     *bytes = 0;
     for (std::size_t c = 0; c < cursor_->kinds.size(); ++c) {
-        const SQLUSMALLINT column = static_cast<SQLUSMALLINT>(c + 1);
         DbValue v;
         v.kind = cursor_->kinds[c];
-        SQLLEN indicator = 0;
-        SQLRETURN r = SQL_SUCCESS;
-        switch (v.kind) {
-        case DbValue::Kind::Integer:
-        case DbValue::Kind::BigInt: {
-            // Read 64 bits whatever the declared width (SQLite keeps 64-bit
-            // integers in INTEGER columns); sent as 32 bits when they fit.
-            SQLBIGINT n = 0;
-            r = SQLGetData(stmt, column, SQL_C_SBIGINT, &n, sizeof(n), &indicator);
-            v.integer = n;
-            if (v.kind == DbValue::Kind::Integer &&
-                (n < std::numeric_limits<std::int32_t>::min() || n > std::numeric_limits<std::int32_t>::max())) {
-                v.kind = DbValue::Kind::BigInt;
-            }
-            break;
-        }
-        case DbValue::Kind::Double:
-            r = SQLGetData(stmt, column, SQL_C_DOUBLE, &v.real, sizeof(v.real), &indicator);
-            break;
-        case DbValue::Kind::Timestamp: {
-            SQL_TIMESTAMP_STRUCT ts{};
-            r = SQLGetData(stmt, column, SQL_C_TYPE_TIMESTAMP, &ts, sizeof(ts), &indicator);
-            v.timestamp = FromOdbc(ts);
-            break;
-        }
-        case DbValue::Kind::Text: {
-            char chunk[4096];
-            for (;;) {
-                r = SQLGetData(stmt, column, SQL_C_CHAR, chunk, sizeof(chunk), &indicator);
-                if (r == SQL_NO_DATA) {
-                    r = SQL_SUCCESS;
-                    break;
-                }
-                if (!SQL_SUCCEEDED(r) || indicator == SQL_NULL_DATA) break;
-                const std::size_t got = (indicator == SQL_NO_TOTAL || indicator >= static_cast<SQLLEN>(sizeof(chunk)))
-                                            ? sizeof(chunk) - 1
-                                            : static_cast<std::size_t>(indicator);
-                if (v.text.size() < kMaxTextBytes) v.text.append(chunk, got);
-                if (r == SQL_SUCCESS) break;
-            }
-            break;
-        }
-        }
-        if (!SQL_SUCCEEDED(r)) {
+        if (!SQL_SUCCEEDED(ReadValue(stmt, static_cast<SQLUSMALLINT>(c + 1), v))) {
             KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLGetData");
             return false;
         }
-        v.null = indicator == SQL_NULL_DATA;
-        if (v.null) v.text.clear();
         *bytes += WireBytes(v);
         cells->push_back(std::move(v));
     }

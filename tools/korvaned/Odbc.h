@@ -42,13 +42,16 @@ public:
     bool Execute(const std::string& sql, long long* rowCount);
     // Runs a statement with values bound to its markers 1, 2, ...
     bool ExecuteBind(const std::string& sql, const std::vector<DbValue>& params, long long* rowCount);
-    // Calls a procedure ({CALL name(?, ...)}); OUT and IN/OUT values are
-    // written back into params.
+    // Calls a procedure or function; OUT and IN/OUT values are written back
+    // into params. The call form is the data source's: on PostgreSQL a
+    // procedure is run with CALL and a function as a select from it, and the
+    // values come from the row they return; elsewhere {CALL name(?, ...)}.
     bool CallProcedure(const std::string& name, std::vector<DbProcParam>& params);
 
     // Opens a select (closing any earlier one); *columns: result columns (0
-    // for a statement without result set, which is then already done).
-    bool OpenSelect(const std::string& sql, int* columns);
+    // for a statement without result set, which is then already done, with
+    // *rowCount the rows it affected, -1 when the driver cannot tell).
+    bool OpenSelect(const std::string& sql, int* columns, long long* rowCount);
     // The next rows of the open select, row by row into cells: at most
     // maxRows rows, and no further row once the cells would pass maxBytes on
     // the wire (a first row is always taken). *more tells whether rows remain;
@@ -73,11 +76,15 @@ private:
     void* NewStatement();
     static void FreeStatement(void* stmt);
     bool ReadRow(std::vector<DbValue>* cells, std::size_t* bytes);
+    // PostgreSQL: whether name is a procedure rather than a function.
+    bool IsPostgresProcedure(const std::string& name, bool* procedure);
+    bool CallPostgres(const std::string& name, bool procedure, std::vector<DbProcParam>& params);
 
     void* dbc_;
     Cursor* cursor_;
     int selectColumns_;
     bool broken_;
+    bool postgres_;  // the data source is PostgreSQL (its call forms differ)
     std::string lastError_;
 };
 
