@@ -65,8 +65,14 @@ start_service() {
 
 stop_service() {
   kill -TERM "$service"
-  wait "$service" || true
+  local code=0
+  wait "$service" || code=$?
   service=0
+  if [ "$code" -ne 0 ] || ! grep -q "shutting down" "$dir/korvaned.log"; then
+    echo "run-with-korvaned.sh: korvaned ended with $code on SIGTERM" >&2
+    cat "$dir/korvaned.log" >&2
+    exit 1
+  fi
 }
 
 start_service 0

@@ -8,6 +8,9 @@ packages=(build-essential cmake googletest libbenchmark-dev)
 # The service korvaned reaches its databases through unixODBC; its default
 # database is a SQLite file through the SQLite ODBC driver.
 packages+=(unixodbc-dev libsqliteodbc)
+# korvaned's configuration file is read by inih; the installed package is
+# checked with pkg-config.
+packages+=(libinih-dev pkg-config)
 if [ "$what" = test ]; then
   # Windows cross-build (32-bit DLL, 64-bit tests under Wine), fuzzing.
   packages+=(g++-mingw-w64-i686 g++-mingw-w64-x86-64 wine wine64 clang libclang-rt-14-dev)

@@ -71,7 +71,9 @@ RunningService::RunningService(const std::vector<std::string>& arguments) : proc
 RunningService::~RunningService() {
     if (process_ != 0) {
         KvnTerminateProcess(process_);
-        if (KvnWaitProcess(process_, 10000, nullptr) != 1) ADD_FAILURE() << "korvaned did not stop";
+        int code = -1;
+        if (KvnWaitProcess(process_, 20000, &code) != 1) ADD_FAILURE() << "korvaned did not stop";
+        else EXPECT_EQ(0, code) << "korvaned's exit code at SIGTERM";
     }
     if (::testing::Test::HasFailure()) std::printf("---- korvaned's log ----\n%s------\n", Log().c_str());
 }
@@ -81,6 +83,18 @@ bool RunningService::Running() {
     if (KvnWaitProcess(process_, 0, nullptr) == 0) return true;
     process_ = 0;
     return false;
+}
+
+void RunningService::Signal(const char* name) {
+    const KvnProcess kill = StartProgram({"/bin/kill", std::string("-") + name, std::to_string(process_)}, "");
+    EXPECT_EQ(1, KvnWaitProcess(kill, 10000, nullptr));
+}
+
+int RunningService::WaitForExit(DWORD timeoutMs) {
+    int code = -1;
+    if (process_ == 0 || KvnWaitProcess(process_, timeoutMs, &code) != 1) return -1;
+    process_ = 0;
+    return code;
 }
 
 std::string RunningService::Log() const {

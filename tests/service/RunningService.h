@@ -47,6 +47,13 @@ public:
     unsigned short Port() const { return port_; }
     bool Running();
     std::string Log() const;
+    // A file in the service's own directory.
+    std::string File(const std::string& name) const { return dir_.File(name); }
+    KvnProcess Process() const { return process_; }
+    // Sends the signal ("TERM", "INT", "HUP") with kill(1).
+    void Signal(const char* name);
+    // Waits up to timeoutMs for the service to end: its exit code, or -1.
+    int WaitForExit(DWORD timeoutMs);
 
 private:
     TempDir dir_;

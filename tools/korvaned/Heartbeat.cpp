@@ -27,7 +27,7 @@ bool Heartbeat::Start(const ServiceOptions& options) {
     periodMs_ = static_cast<DWORD>(options.hbPeriodMs);
     sock_ = KvnUdpSocket();
     if (sock_ == INVALID_SOCKET) {
-        ServiceLog(0, "heartbeat: no UDP socket (socket error %d)", KvnSocketError());
+        ServiceLog(0, "heartbeat: no UDP socket: %s", KvnSocketErrorText(KvnSocketError()).c_str());
         return false;
     }
     if (options.hbMode == HeartbeatMode::Broadcast) KvnSetSocketOption(sock_, KVN_SO_BROADCAST, 1);
@@ -81,7 +81,7 @@ unsigned Heartbeat::Run(void* p) {
         // One line when sending starts failing, one when it works again.
         if (sent == failing) {
             if (sent) ServiceLog(1, "heartbeat: sending again");
-            else ServiceLog(0, "heartbeat: cannot send (socket error %d)", KvnSocketError());
+            else ServiceLog(0, "heartbeat: cannot send: %s", KvnSocketErrorText(KvnSocketError()).c_str());
             failing = !sent;
         }
     } while (KvnWaitForSingleObject(self->stop_, self->periodMs_) == WAIT_TIMEOUT);

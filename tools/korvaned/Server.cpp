@@ -1,12 +1,14 @@
-// Listening, the application registry and the limits.
+// Listening, the access list, the registry of links and applications, the
+// limits and the shutdown.
 #include "Server.h"
 
+#include <chrono>
 #include <cstdio>
-#include <fstream>
 
 #include <korvane/KvnDefs.h>
 
 #include "ServiceLog.h"
+#include "ServiceProcess.h"
 #include "Session.h"
 #include "platform/Sockets.h"
 #include "platform/Threads.h"
@@ -16,24 +18,11 @@ namespace {
 // Application ids must stay within what a receiver accepts in a header.
 constexpr int kMaxApplicationId = 128000;
 
-// Writes the port through a temporary file, so that a reader never sees a
-// half-written one.
-bool WritePortFile(const std::string& path, unsigned short port) {
-    const std::string temporary = path + ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::trunc);
-        if (!out) return false;
-        out << port << '\n';
-        if (!out.flush()) return false;
-    }
-    return std::rename(temporary.c_str(), path.c_str()) == 0;
-}
-
 }  // namespace
 
 Server::Server(const ServiceOptions& options, const std::string& connectionString)
-    : options_(options), connectionString_(connectionString), nextId_(1), connexions_(0), sessions_(0),
-      nextSerial_(1) {
+    : options_(options), connectionString_(connectionString), listening_(INVALID_SOCKET), stopping_(false),
+      startTick_(KvnGetTickCount()), nextId_(1), connexions_(0), live_(0), finished_(0), nextSerial_(1) {
     comm_.nTimeOutConnect = options.connectTimeoutMs;
     comm_.nNbRetrySend = options.retryCount;
     comm_.nTimeOutAck = options.ackTimeoutMs;
@@ -43,47 +32,157 @@ Server::Server(const ServiceOptions& options, const std::string& connectionStrin
     comm_.bMulticastHB = options.hbMode == HeartbeatMode::Multicast ? 1 : 0;
 }
 
-int Server::Run() {
+Server::~Server() {
+    if (listening_ != INVALID_SOCKET) KvnCloseSocket(listening_);
+}
+
+bool Server::Listen() {
     const DWORD address = KvnInetAddr(options_.listenAddress.c_str());
     if (address == 0xFFFFFFFFu && options_.listenAddress != "255.255.255.255") {
         ServiceLog(0, "bad listening address '%s'", options_.listenAddress.c_str());
-        return 1;
+        return false;
     }
-    SOCKET listening = KvnTcpListen(address, static_cast<unsigned short>(options_.port), 64);
-    if (listening == INVALID_SOCKET) {
-        ServiceLog(0, "cannot listen on %s:%d (socket error %d)", options_.listenAddress.c_str(), options_.port,
-                   KvnSocketError());
-        return 1;
+    listening_ = KvnTcpListen(address, static_cast<unsigned short>(options_.port), 64);
+    if (listening_ == INVALID_SOCKET) {
+        ServiceLog(0, "cannot listen on %s:%d: %s", options_.listenAddress.c_str(), options_.port,
+                   KvnSocketErrorText(KvnSocketError()).c_str());
+        return false;
     }
-    const unsigned short port = KvnGetLocalPort(listening);
+    const unsigned short port = KvnGetLocalPort(listening_);
     ServiceLog(1, "listening on %s:%u", options_.listenAddress.c_str(), port);
-    if (!options_.portFile.empty() && !WritePortFile(options_.portFile, port)) {
+    std::string allowed;
+    for (const Network& n : options_.allowed) allowed += (allowed.empty() ? "" : ", ") + NetworkText(n);
+    if (!ListensOnLoopback(options_)) {
+        ServiceLog(kLogWarning, "listening beyond loopback on %s: links are accepted from %s; every one of them "
+                   "can run SQL on the database", options_.listenAddress.c_str(), allowed.c_str());
+    } else {
+        ServiceLog(1, "links accepted from %s", allowed.c_str());
+    }
+    if (!options_.portFile.empty() && !WriteFileAtomically(options_.portFile, std::to_string(port) + "\n")) {
         ServiceLog(0, "cannot write the port file '%s'", options_.portFile.c_str());
     }
+    return true;
+}
 
-    for (;;) {
-        SOCKET s = KvnAccept(listening, INFINITE);
-        if (s == INVALID_SOCKET) {
+void Server::Serve() {
+    while (!stopping_.load()) {
+        SOCKET s = KvnAccept(listening_, INFINITE);
+        if (s != INVALID_SOCKET) {
+            if (!Accept(s)) KvnCloseSocket(s);
+        } else if (!stopping_.load()) {
             // Out of descriptors, or a connection reset before it was taken:
             // wait a little rather than spin on the same failure.
-            ServiceLog(2, "accept failed (socket error %d)", KvnSocketError());
+            ServiceLog(2, "accept failed: %s", KvnSocketErrorText(KvnSocketError()).c_str());
             KvnSleep(100);
-            continue;
-        }
-        if (sessions_.load() >= options_.maxSockets) {
-            ServiceLog(1, "link refused: %d links already open", options_.maxSockets);
-            KvnCloseSocket(s);
-            continue;
-        }
-        KvnSetSocketOption(s, KVN_TCP_NODELAY, 1);  // every message waits for an acknowledgement
-        Session* session = new Session(*this, s, nextSerial_++);
-        sessions_.fetch_add(1);
-        if (!KvnBeginThread(&Session::Run, session)) {
-            ServiceLog(0, "cannot start a thread for a new link");
-            sessions_.fetch_sub(1);
-            delete session;  // closes the socket
         }
     }
+    KvnCloseSocket(listening_);
+    listening_ = INVALID_SOCKET;
+}
+
+void Server::Stop() {
+    if (stopping_.exchange(true)) return;
+    // Wakes the accept: a listening socket shut down reports an error at once.
+    KvnShutdown(listening_);
+}
+
+bool Server::Accept(SOCKET s) {
+    // Checked before a byte is read, so that a refused peer has nothing
+    // parsed on its behalf.
+    DWORD peer = 0;
+    if (KvnGetPeerAddress(s, &peer) != 0 || !IsAllowed(options_.allowed, peer)) {
+        stats_.LinkRefused();
+        ServiceLog(1, "link from %s refused: not in the allowed networks", AddressText(peer).c_str());
+        return false;
+    }
+    std::unique_lock<std::mutex> guard(lock_);
+    if (live_ >= options_.maxSockets) {
+        guard.unlock();
+        stats_.LinkRefused();
+        ServiceLog(1, "link from %s refused: %d links already open", AddressText(peer).c_str(), options_.maxSockets);
+        return false;
+    }
+    KvnSetSocketOption(s, KVN_TCP_NODELAY, 1);  // every message waits for an acknowledgement
+    Session* session = new Session(*this, s, nextSerial_++);
+    sessions_.insert(session);
+    ++live_;
+    guard.unlock();
+    if (KvnBeginThread(&Session::Run, session)) return true;
+    ServiceLog(0, "cannot start a thread for a new link");
+    session->DetachSocket();  // closed by the caller
+    SessionEnded(session);
+    return false;
+}
+
+bool Server::BeginRequest(Session* session) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (stopping_.load()) return false;
+    busy_.insert(session);
+    return true;
+}
+
+bool Server::EndRequest(Session* session) {
+    std::lock_guard<std::mutex> guard(lock_);
+    busy_.erase(session);
+    if (!stopping_.load()) return true;
+    ++finished_;
+    return false;
+}
+
+void Server::SessionEnded(Session* session) {
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        sessions_.erase(session);
+        busy_.erase(session);
+    }
+    // Deleted outside the lock: closing a database connection may take time.
+    delete session;
+    std::lock_guard<std::mutex> guard(lock_);
+    --live_;
+    sessionEnded_.notify_all();
+}
+
+Server::ShutdownCounts Server::Shutdown(DWORD boundMs) {
+    ShutdownCounts counts;
+    std::unique_lock<std::mutex> guard(lock_);
+    counts.links = static_cast<int>(sessions_.size());
+    // Idle links are closed now; a busy one is closed by its own thread
+    // once its answer has gone (EndRequest then reports the stop).
+    for (Session* s : sessions_) {
+        if (!busy_.count(s)) s->Interrupt();
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(boundMs);
+    sessionEnded_.wait_until(guard, deadline, [this] { return live_ == 0; });
+    counts.finished = finished_;
+    counts.abandoned = static_cast<int>(busy_.size());
+    // Past the bound: the links still busy are cut; their requests run on
+    // in the database until the process ends.
+    for (Session* s : sessions_) s->Interrupt();
+    return counts;
+}
+
+std::string Server::CountsText() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return std::to_string(applications_.size()) + " applications, " + std::to_string(connexions_) +
+           " connections, " + std::to_string(sessions_.size()) + " links";
+}
+
+std::string Server::StatsPage() {
+    int links = 0, applications = 0, connexions = 0, busy = 0;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        links = static_cast<int>(sessions_.size());
+        applications = static_cast<int>(applications_.size());
+        connexions = connexions_;
+        busy = static_cast<int>(busy_.size());
+    }
+    std::string page = "# korvaned " KVN_VERSION "\n";
+    page += "uptime_seconds " + std::to_string((KvnGetTickCount() - startTick_) / 1000) + "\n";
+    page += "links " + std::to_string(links) + "\n";
+    page += "applications " + std::to_string(applications) + "\n";
+    page += "connections " + std::to_string(connexions) + "\n";
+    page += "requests_under_way " + std::to_string(busy) + "\n";
+    return page + stats_.Report();
 }
 
 int Server::RegisterApplication(int wantedId, unsigned long session) {
@@ -133,5 +232,3 @@ void Server::ReleaseConnexion() {
     std::lock_guard<std::mutex> guard(lock_);
     if (connexions_ > 0) --connexions_;
 }
-
-void Server::SessionEnded() { sessions_.fetch_sub(1); }

@@ -1,4 +1,4 @@
-// The service's log on the standard error stream.
+// The service's log on the standard error stream or in its file.
 #include "ServiceLog.h"
 
 #include <atomic>
@@ -7,15 +7,20 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
+#include <string>
 
 namespace {
 
 std::atomic<int> g_level{1};
-// One line at a time, so that lines of different sessions never mix.
+// One line at a time, so that lines of different sessions never mix; also
+// guards the file members.
 std::mutex g_writeLock;
+std::FILE* g_file = nullptr;  // null: standard error
+std::string g_path;
 
 const char* LevelName(int level) {
     switch (level) {
+    case kLogWarning: return "warning";
     case 0: return "error";
     case 1: return "info";
     case 2: return "request";
@@ -26,6 +31,26 @@ const char* LevelName(int level) {
 }  // namespace
 
 void SetServiceLogLevel(int level) { g_level.store(level); }
+
+bool SetServiceLogFile(const std::string& path) {
+    std::FILE* f = std::fopen(path.c_str(), "a");
+    if (!f) return false;
+    std::lock_guard<std::mutex> lock(g_writeLock);
+    if (g_file) std::fclose(g_file);
+    g_file = f;
+    g_path = path;
+    return true;
+}
+
+bool ReopenServiceLog() {
+    std::lock_guard<std::mutex> lock(g_writeLock);
+    if (!g_file) return true;
+    std::FILE* f = std::fopen(g_path.c_str(), "a");
+    if (!f) return false;
+    std::fclose(g_file);
+    g_file = f;
+    return true;
+}
 
 int ServiceLogLevel() { return g_level.load(); }
 
@@ -47,6 +72,7 @@ void ServiceLog(int level, const char* format, ...) {
     std::strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &utc);
 
     std::lock_guard<std::mutex> lock(g_writeLock);
-    std::fprintf(stderr, "%s.%03ld korvaned %s: %s\n", stamp, millis, LevelName(level), text);
-    std::fflush(stderr);
+    std::FILE* out = g_file ? g_file : stderr;
+    std::fprintf(out, "%s.%03ld korvaned %s: %s\n", stamp, millis, LevelName(level), text);
+    std::fflush(out);
 }

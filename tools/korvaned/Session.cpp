@@ -1,6 +1,8 @@
 // A link's receive loop and its link requests.
 #include "Session.h"
 
+#include <chrono>
+
 #include <korvane/KvnDefs.h>
 
 #include "Server.h"
@@ -24,7 +26,7 @@ constexpr DWORD kIdleCheckMs = 1000;
 
 Session::Session(Server& server, SOCKET sock, unsigned long serial)
     : server_(server), sock_(sock), serial_(serial), role_(Role::Unknown), idApplication_(0),
-      idConnexion_(0) {}
+      idConnexion_(0), answeredError_(false) {}
 
 Session::~Session() {
     if (sock_ != INVALID_SOCKET) KvnCloseSocket(sock_);
@@ -32,10 +34,12 @@ Session::~Session() {
 
 void Session::Run(void* p) {
     Session* session = static_cast<Session*>(p);
-    Server& server = session->server_;
     session->Serve();
-    delete session;
-    server.SessionEnded();
+    session->server_.SessionEnded(session);
+}
+
+void Session::Interrupt() {
+    if (sock_ != INVALID_SOCKET) KvnShutdown(sock_);
 }
 
 void Session::Serve() {
@@ -75,7 +79,11 @@ void Session::Serve() {
             continue;
         }
         badMessages = 0;
-        if (!Handle(request)) break;
+        // A request that arrives once the service stops is not begun; one
+        // under way is answered, and then the link ends.
+        if (!server_.BeginRequest(this)) break;
+        const bool goOn = Handle(request);
+        if (!server_.EndRequest(this) || !goOn) break;
         request.ClearMessage();
     }
     KvnCloseSocketEvent(readable);
@@ -105,7 +113,7 @@ bool Session::Handle(CMsgSocket& request) {
     default:
         break;
     }
-    if (fonction >= KVN_EXECUTE && fonction <= KVN_REQUETE_METABASE) return OnDatabaseRequest(request);
+    if (fonction >= KVN_EXECUTE && fonction <= KVN_REQUETE_METABASE) return CountedDatabaseRequest(request);
     // Codes with nothing to answer (the acknowledgement has gone already).
     return true;
 }
@@ -191,6 +199,15 @@ bool Session::OnOpenConnexion(CMsgSocket& request, bool reinit) {
     return true;
 }
 
+bool Session::CountedDatabaseRequest(CMsgSocket& request) {
+    const auto start = std::chrono::steady_clock::now();
+    answeredError_ = false;
+    const bool goOn = OnDatabaseRequest(request);
+    const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - start;
+    server_.Stats().Request(request.GetFonction(), elapsed.count(), answeredError_);
+    return goOn;
+}
+
 void Session::OnCloseApplication() {
     if (role_ != Role::Application) return;
     ServiceLog(1, "link %lu: application %d closed", serial_, idApplication_);
@@ -218,6 +235,7 @@ void Session::StartAnswer(CMsgSocket& answer, int fonction) {
 }
 
 void Session::ErrorAnswer(CMsgSocket& answer, int fonction, int code) {
+    answeredError_ = true;
     StartAnswer(answer, fonction);
     AddLong(answer, KVN_ERROR_UNKNOWN);
     AddLong(answer, code);

@@ -26,8 +26,14 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Thread body: serves the link until it closes, then deletes the session.
+    // Thread body: serves the link until it closes or the service stops,
+    // then hands the session back to the server, which deletes it.
     static void Run(void* session);
+    // Shuts the link down (from any thread): the session's thread sees it
+    // closed and ends. The socket stays the session's to close.
+    void Interrupt();
+    // The socket is no longer the session's (its thread never started).
+    void DetachSocket() { sock_ = INVALID_SOCKET; }
 
 private:
     enum class Role { Unknown, Application, Connexion, Closed };
@@ -63,6 +69,8 @@ private:
     void ErrorAnswer(CMsgSocket& answer, int fonction, int code);
     // Sends with acknowledgement; false when the link is lost.
     bool Send(CMsgSocket& answer);
+    // A database request timed and counted in the service's statistics.
+    bool CountedDatabaseRequest(CMsgSocket& request);
 
     Server& server_;
     SOCKET sock_;
@@ -71,6 +79,7 @@ private:
     int idApplication_;
     int idConnexion_;
     std::unique_ptr<OdbcConnexion> db_;
+    bool answeredError_;  // ErrorAnswer was used since the request came
 };
 
 #endif

@@ -1,7 +1,9 @@
 // korvane-loader: the service loader. Listens on a TCP port; a client that
 // cannot reach the service connects and sends the two bytes "GO", and the
 // loader starts the service (its path and arguments come from the loader's
-// command line) unless the service it started last is still running.
+// command line) unless the service it started last is still running. When
+// the loader stops (SIGTERM, SIGINT), the service it started stops too.
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 
 #include <korvane/SockInit.h>
 
+#include "ServiceProcess.h"
 #include "net/Transport.h"
 #include "platform/Process.h"
 #include "platform/Sockets.h"
@@ -20,6 +23,14 @@ namespace {
 
 // How long a client has to send its two bytes.
 constexpr DWORD kRequestWaitMs = 2000;
+// How long the service has to end once asked: longer than korvaned's own
+// default bound for the requests under way.
+constexpr DWORD kServiceStopWaitMs = 30000;
+
+SOCKET g_listening = INVALID_SOCKET;
+std::atomic<bool> g_stopping{false};
+
+void OnStopSignal(const char* name, void*);
 
 __attribute__((format(printf, 1, 2))) void Log(const char* format, ...) {
     std::fprintf(stderr, "korvane-loader: ");
@@ -37,27 +48,27 @@ void Help(const char* program) {
         "Starts the Korvane service SERVICE when a client sends \"GO\".\n"
         "\n"
         "  -p, --port N          TCP port to listen on (default 5150; 0 lets the system choose)\n"
-        "      --listen ADDR     local IPv4 address to listen on (default 0.0.0.0)\n"
+        "      --listen ADDR     local IPv4 address to listen on (default 127.0.0.1)\n"
         "      --port-file PATH  write the port listened on to PATH once listening\n"
         "      --log FILE        the service's standard error goes to FILE (appended)\n"
-        "  -h, --help            this text\n",
+        "      --version         the version\n"
+        "  -h, --help            this text\n"
+        "SIGTERM and SIGINT stop the loader and the service it started.\n",
         program);
 }
 
-bool WritePortFile(const std::string& path, unsigned short port) {
-    const std::string temporary = path + ".tmp";
-    FILE* f = std::fopen(temporary.c_str(), "w");
-    if (!f) return false;
-    std::fprintf(f, "%u\n", port);
-    if (std::fclose(f) != 0) return false;
-    return std::rename(temporary.c_str(), path.c_str()) == 0;
+void OnStopSignal(const char* name, void*) {
+    Log("%s received: stopping", name);
+    g_stopping.store(true);
+    KvnShutdown(g_listening);  // wakes the accept
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    BlockServiceSignals();  // before any thread
     int port = 5150;
-    std::string listenAddress = "0.0.0.0", portFile, logFile;
+    std::string listenAddress = "127.0.0.1", portFile, logFile;
     std::vector<const char*> service;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -70,6 +81,9 @@ int main(int argc, char** argv) {
         };
         if (a == "-h" || a == "--help") {
             Help(argv[0]);
+            return 0;
+        } else if (a == "--version") {
+            std::puts("korvane-loader " KVN_VERSION);
             return 0;
         } else if (a == "-p" || a == "--port") {
             std::string v;
@@ -104,20 +118,25 @@ int main(int argc, char** argv) {
         Log("the socket layer cannot start");
         return 1;
     }
-    SOCKET listening = KvnTcpListen(KvnInetAddr(listenAddress.c_str()), static_cast<unsigned short>(port), 16);
-    if (listening == INVALID_SOCKET) {
-        Log("cannot listen on %s:%d", listenAddress.c_str(), port);
+    g_listening = KvnTcpListen(KvnInetAddr(listenAddress.c_str()), static_cast<unsigned short>(port), 16);
+    if (g_listening == INVALID_SOCKET) {
+        Log("cannot listen on %s:%d: %s", listenAddress.c_str(), port, KvnSocketErrorText(KvnSocketError()).c_str());
         return 1;
     }
-    const unsigned short actual = KvnGetLocalPort(listening);
+    const unsigned short actual = KvnGetLocalPort(g_listening);
     Log("listening on %s:%u", listenAddress.c_str(), actual);
-    if (!portFile.empty() && !WritePortFile(portFile, actual)) Log("cannot write the port file %s", portFile.c_str());
+    if (!portFile.empty() && !WriteFileAtomically(portFile, std::to_string(actual) + "\n")) {
+        Log("cannot write the port file %s", portFile.c_str());
+    }
+    SignalActions actions;
+    actions.stop = &OnStopSignal;
+    if (!StartSignalThread(actions)) Log("cannot watch the stop signals");
 
     KvnProcess child = 0;
-    for (;;) {
-        SOCKET s = KvnAccept(listening, INFINITE);
+    while (!g_stopping.load()) {
+        SOCKET s = KvnAccept(g_listening, INFINITE);
         if (s == INVALID_SOCKET) {
-            KvnSleep(100);  // out of descriptors or a reset connection: do not spin
+            if (!g_stopping.load()) KvnSleep(100);  // out of descriptors or a reset connection: do not spin
             continue;
         }
         char request[2] = {};
@@ -134,8 +153,20 @@ int main(int argc, char** argv) {
             Log("GO received: the service is running already");
             continue;
         }
-        child = KvnStartProcess(service[0], service.data(), logFile.empty() ? nullptr : logFile.c_str());
+        // Tied to this thread's life too: a loader that dies without its
+        // orderly stop still takes the service with it.
+        child = KvnStartProcess(service[0], service.data(), logFile.empty() ? nullptr : logFile.c_str(), TRUE);
         if (child == 0) Log("GO received: cannot start %s", service[0]);
         else Log("GO received: started %s (process %lld)", service[0], child);
     }
+    KvnCloseSocket(g_listening);
+    int exitCode = 0;
+    if (child != 0 && KvnWaitProcess(child, 0, &exitCode) == 0) {
+        Log("stopping the service (process %lld)", child);
+        KvnTerminateProcess(child);
+        if (KvnWaitProcess(child, kServiceStopWaitMs, &exitCode) == 1) Log("the service ended with code %d", exitCode);
+        else Log("the service did not end within %u ms", static_cast<unsigned>(kServiceStopWaitMs));
+    }
+    Log("stopped");
+    return 0;
 }

@@ -42,6 +42,11 @@ KvnProcess KvnStartProcess(const char* path, const char* const* argv, const char
 #else
         (void)endWithParent;
 #endif
+        // A service takes its stop signals on a thread of its own and blocks
+        // them everywhere else; the program started here must not inherit that.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
         if (errFd >= 0) dup2(errFd, 2);
         // The service binds ports of its own; descriptors of the parent
         // (listening sockets above all) must not live on in it.
