@@ -9,6 +9,7 @@
 #include "RunningService.h"
 #include "ServiceLinks.h"
 #include "net/Transport.h"
+#include "platform/Sockets.h"
 #include "platform/Threads.h"
 #include "support/TestUtil.h"
 
@@ -24,8 +25,13 @@ public:
         port_ = process_ != 0 ? WaitForPortFile(dir_.File("port"), 10000) : 0;
         EXPECT_NE(0, port_);
     }
-    ~Loader() {
-        if (process_ != 0 && KvnTerminateProcess(process_)) KvnWaitProcess(process_, 10000, nullptr);
+    ~Loader() { Stop(); }
+    // SIGTERM, then its exit code once it ended (-1 when it did not).
+    int Stop() {
+        int code = -1;
+        if (process_ != 0 && KvnTerminateProcess(process_)) KvnWaitProcess(process_, 40000, &code);
+        process_ = 0;
+        return code;
     }
     void Say(const char* bytes) {
         ClientSocket s(port_);
@@ -71,7 +77,7 @@ TEST(ServiceLoader, StartsItsProgramOnGoOnly) {
     EXPECT_EQ(2, LinesIn(file)) << "only the two GO start it";
 }
 
-TEST(ServiceLoader, StartsTheServiceThatClientsThenReach) {
+TEST(ServiceLoader, StartsTheServiceThatClientsThenReachAndStopsItWhenItStops) {
     TempDir dir;
     const std::string servicePort = dir.File("service-port");
     const std::string pidFile = dir.File("service-pid");
@@ -85,6 +91,10 @@ TEST(ServiceLoader, StartsTheServiceThatClientsThenReach) {
     ASSERT_GT(pid, 0);
     EXPECT_NE(0, port);
     EXPECT_EQ(0, port != 0 ? RegisterWithin(port, 5000) : -1);
-    // The service is the loader's child, not ours: it is only asked to end.
-    EXPECT_TRUE(KvnTerminateProcess(static_cast<KvnProcess>(pid)));
+    // The loader stops, and its service with it.
+    EXPECT_EQ(0, loader.Stop());
+    EXPECT_FALSE(KvnTerminateProcess(static_cast<KvnProcess>(pid))) << "the service's process is gone";
+    SOCKET s = KvnTcpSocket();
+    EXPECT_NE(0, KvnConnect(s, KvnLoopbackAddress(), port)) << "nobody listens on the service's port";
+    KvnCloseSocket(s);
 }
