@@ -67,6 +67,8 @@ OptionsResult ParseKvnsqlOptions(int argc, const char* const* argv, KvnsqlOption
 
         if (name == "--help") {
             return OptionsResult::Help;
+        } else if (name == "--version") {
+            return OptionsResult::Version;
         } else if (name == "-H" || name == "--host") {
             if (!takeValue()) return OptionsResult::Error;
             if (value.empty() || CodePoints(value) > kMaxHost) {
@@ -121,6 +123,8 @@ OptionsResult ParseKvnsqlOptions(int argc, const char* const* argv, KvnsqlOption
     return OptionsResult::Run;
 }
 
+std::string KvnsqlVersion() { return "kvnsql " KVN_VERSION "\n"; }
+
 std::string CommandsHelp() {
     return "Commands (a line that starts with a backslash, or the rest of a line after a\n"
            "statement's ';'):\n"
@@ -171,6 +175,7 @@ std::string KvnsqlHelp(const char* program) {
            "  -e, --echo              prints each statement before its result\n"
            "      --no-prompt         no prompt when reading standard input\n"
            "      --null TEXT         how NULL values are shown (default NULL)\n"
+           "      --version           the version\n"
            "      --help              this text\n"
            "\n"
            "A statement ends with ';' (outside quotes, $$ bodies and comments), with an\n"

@@ -20,11 +20,14 @@ struct KvnsqlOptions {
     std::string nullText = "NULL";   // how a NULL cell is shown
 };
 
-enum class OptionsResult { Run, Help, Error };
+enum class OptionsResult { Run, Help, Version, Error };
 
 // Reads argv (UTF-8) into options; on Error, error says why.
 OptionsResult ParseKvnsqlOptions(int argc, const char* const* argv, KvnsqlOptions& options,
                                  std::string& error);
+
+// The text of --version.
+std::string KvnsqlVersion();
 
 // The text of --help: options, statement syntax and backslash commands.
 std::string KvnsqlHelp(const char* program);

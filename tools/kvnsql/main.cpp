@@ -66,6 +66,9 @@ int main(int argc, char** argv) {
     case OptionsResult::Help:
         std::fputs(KvnsqlHelp(argc > 0 ? argv[0] : nullptr).c_str(), stdout);
         return 0;
+    case OptionsResult::Version:
+        std::fputs(KvnsqlVersion().c_str(), stdout);
+        return 0;
     case OptionsResult::Error:
         PrintError(error);
         return 2;
