@@ -15,6 +15,7 @@
 #include <cstring>
 #include <cwchar>
 #include <cwctype>
+#include <new>
 #include <optional>
 
 #include "client/CConnexionKorvane.h"
@@ -95,106 +96,162 @@ void LogIncompatible(int col, const wchar_t* cible, const CParam& v) {
               col, cible, nom, shown.GetString());
 }
 
-// The steps every column read shares before the value is copied: the
-// connection looked up, its link tested, its request lock taken (and held
-// until this object goes out of scope).
-class CColumnAccess {
+// A value of the current row, copied under the row buffer's lock: what the
+// conversions read, as a CParam. A text of up to kTexteCourt characters is
+// held inside the copy, a longer one on the heap, so that reading a short
+// text allocates nothing.
+class CCopieValeur {
 public:
-    // 0 when the read may go on; else the result code to return.
-    int Open(CKorvaneClient* client, int hCnx, int nSite, const wchar_t* prefix) {
-        m_pCnx = CRequestFrame::FindConnexion(client, hCnx, nSite);
-        if (m_pCnx == nullptr) return KVN_ERROR_HANDLE_CNX;
-        if (!CRequestFrame::IsLinkUp(client, m_pCnx)) return KVN_ERROR_SOCKET_CLOSED;
-        m_lock.emplace(m_pCnx, prefix);
-        if (!m_lock->IsHeld()) return KVN_ERROR_HANDLE_CNX;
-        return KVN_NO_ERROR;
+    CCopieValeur() = default;
+    ~CCopieValeur() {
+        if (m_param.pszValeur == m_texte) m_param.pszValeur = nullptr;  // not the CParam's to free
     }
-    CConnexionKorvane* Cnx() const { return m_pCnx; }
-    // 0 when the column was found; KVN_NO_DATA otherwise (the connection's
-    // status after m_GetData).
-    int Found() const { return m_pCnx->m_nResultat != 0 ? m_pCnx->m_nCodeErreur.load() : 0; }
+    CCopieValeur(const CCopieValeur&) = delete;
+    CCopieValeur& operator=(const CCopieValeur&) = delete;
+
+    const CParam& Get() const { return m_param; }
+
+    // The reader that CSelectBuffer::LitData runs under its lock.
+    static void Lire(const CParam& src, void* contexte) {
+        static_cast<CCopieValeur*>(contexte)->Copie(src);
+    }
 
 private:
-    CConnexionKorvane* m_pCnx = nullptr;
-    std::optional<CUseCnxLock> m_lock;
+    static const std::size_t kTexteCourt = 63;
+
+    void Copie(const CParam& src) {
+        m_param.cType = src.cType;
+        m_param.nTaille = src.nTaille;
+        m_param.bNull = src.bNull;
+        m_param.valNum = src.valNum;
+        m_param.dateValeur = src.dateValeur;
+        std::memcpy(&m_param.guidValeur, &src.guidValeur, sizeof(GUID));  // packed field
+        if (src.pszValeur == nullptr) return;
+        const std::size_t n = std::wcslen(src.pszValeur);
+        wchar_t* texte = n <= kTexteCourt ? m_texte : new (std::nothrow) wchar_t[n + 1];
+        if (texte == nullptr) return;  // out of memory: read as no text
+        std::wmemcpy(texte, src.pszValeur, n + 1);
+        m_param.pszValeur = texte;
+    }
+
+    CParam m_param;
+    wchar_t m_texte[kTexteCourt + 1];
 };
 
-// The text form of a value for the text destinations. false: the destination
-// is left as it is (a type without a text form, an impossible date).
-bool ValueToText(const CParam& v, DStr& text) {
+// Copies column col of the connection's current row into v, under the row
+// buffer's lock, and sets the connection's status as every read does: 0 and
+// 0 when the column was found, -2 and 100 when it was not.
+bool LitColonne(CConnexionKorvane* cnx, int col, CCopieValeur& v) {
+    const bool found = cnx->m_selectBuffer.LitData(col, CCopieValeur::Lire, &v) == 0;
+    cnx->m_nResultat = found ? 0 : KVN_ERROR_UNKNOWN;
+    cnx->m_nCodeErreur = found ? 0 : KVN_NO_DATA;
+    return found;
+}
+
+// Where a read is called from: the call site written to the debugger output
+// for an unknown handle and the prefix of the lock line (0 and null: none).
+struct KvnSiteLecture {
+    int nSite;
+    const wchar_t* prefix;
+};
+const KvnSiteLecture kLong = {7, L"CKorvaneClient::GetData1"};
+const KvnSiteLecture kDouble = {8, L"CKorvaneClient::GetData2"};
+const KvnSiteLecture kCString = {9, L"CKorvaneClient::GetData3"};
+const KvnSiteLecture kDStr = {10, L"CKorvaneClient::GetData4"};
+const KvnSiteLecture kBuffer = {11, L"CKorvaneClient::GetData5"};
+const KvnSiteLecture kSystemTime = {12, L"CKorvaneClient::GetData6"};
+const KvnSiteLecture kParam = {13, L"CKorvaneClient::GetData7"};
+const KvnSiteLecture kSansLigne = {0, nullptr};  // GUID and __int64
+
+// The opening that every column read shares: the connection looked up, its
+// link tested, its request lock taken (and held until this object goes out
+// of scope), the value copied. Open returns 0 when there is a value to
+// convert; otherwise the read's result: -62 (unknown handle, lock), -53
+// (link down), KVN_NO_DATA (no row, no such column).
+class CLectureColonne {
+public:
+    int Open(CKorvaneClient* client, int hCnx, int col, const KvnSiteLecture& site) {
+        CConnexionKorvane* cnx = CRequestFrame::FindConnexion(client, hCnx, site.nSite);
+        if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
+        if (!CRequestFrame::IsLinkUp(client, cnx)) return KVN_ERROR_SOCKET_CLOSED;
+        m_lock.emplace(cnx, site.prefix);
+        if (!m_lock->IsHeld()) return KVN_ERROR_HANDLE_CNX;
+        return LitColonne(cnx, col, m_valeur) ? KVN_NO_ERROR : KVN_NO_DATA;
+    }
+    const CParam& Valeur() const { return m_valeur.Get(); }
+
+private:
+    std::optional<CUseCnxLock> m_lock;
+    CCopieValeur m_valeur;
+};
+
+// The text of a value for the text destinations: a text value's own, or a
+// number or date formatted into `scratch`. Null when the destination is to
+// be left as it is (a type without a text form, an impossible date).
+const wchar_t* ValueToText(const CParam& v, DStr& scratch) {
     switch (TypeByte(v.cType)) {
     case TypeByte(SQL_C_LONG):
-        text.Printf(L"%ld", static_cast<long>(v.valNum.lVal));
-        return true;
+        scratch.Printf(L"%ld", static_cast<long>(v.valNum.lVal));
+        return scratch.GetString();
     case TypeByte(SQL_C_SBIGINT):
-        text.Printf(L"%lld", static_cast<long long>(v.valNum.llVal));
-        return true;
+        scratch.Printf(L"%lld", static_cast<long long>(v.valNum.llVal));
+        return scratch.GetString();
     case TypeByte(SQL_C_DOUBLE):
-        text.Printf(L"%lf", v.valNum.dVal);
-        return true;
+        scratch.Printf(L"%lf", v.valNum.dVal);
+        return scratch.GetString();
     case TypeByte(SQL_C_CHAR):
     case TypeByte(SQL_C_WCHAR):
-        text = TextOf(v);
-        return true;
+        return TextOf(v);
     case TypeByte(SQL_C_TIMESTAMP): {
         SYSTEMTIME st = TimestampToSystemTime(v.dateValeur);
         double date = 0;
-        if (!KvnSystemTimeToVariantTime(&st, &date)) return false;
-        if (!KvnVarBstrFromDate(date, text)) text = L"Invalid DateTime";
-        return true;
+        if (!KvnSystemTimeToVariantTime(&st, &date)) return nullptr;
+        if (!KvnVarBstrFromDate(date, scratch)) scratch = L"Invalid DateTime";
+        return scratch.GetString();
     }
     default:
-        return false;
+        return nullptr;
     }
+}
+
+// The all-digit text of a value for a numeric destination, or null when the
+// value is not a text of digits alone. An empty text passes and converts
+// nothing: the destination keeps its value.
+const wchar_t* Digits(const CParam& v) {
+    if (!IsText(v) || !IsAllDigits(TextOf(v))) return nullptr;
+    return TextOf(v);
 }
 
 } // namespace
 
 int CKorvaneClient::m_GetData(CConnexionKorvane* cnx, int /*hCnx*/, int col, CParam& valeur) {
-    CParam* p = nullptr;
-    if (cnx->m_selectBuffer.GetData(col, &p) == 0 && p != nullptr) {
-        valeur = *p;
-        cnx->m_nResultat = 0;
-        cnx->m_nCodeErreur = 0;
-    } else {
-        cnx->m_nResultat = KVN_ERROR_UNKNOWN;
-        cnx->m_nCodeErreur = KVN_NO_DATA;
-    }
+    CCopieValeur v;
+    if (LitColonne(cnx, col, v)) valeur = v.Get();
     return 0;
 }
 
 // ---- Numbers ------------------------------------------------------------------
 
 int CKorvaneClient::GetData(int hCnx, int col, long& valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 7, L"CKorvaneClient::GetData1");
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kLong);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
+    const CParam& v = lu.Valeur();
     if (v.bNull) {
         valeur = KVN_NULL_DATA;
         return KVN_NULL_DATA;
     }
     switch (TypeByte(v.cType)) {
-    case TypeByte(SQL_C_LONG):
-        valeur = v.valNum.lVal;
-        return KVN_NO_ERROR;
+    case TypeByte(SQL_C_LONG): valeur = v.valNum.lVal; return KVN_NO_ERROR;
     case TypeByte(SQL_C_SBIGINT):
         valeur = static_cast<std::int32_t>(static_cast<std::uint32_t>(v.valNum.llVal & 0xFFFFFFFF));
         return KVN_NO_ERROR;
-    case TypeByte(SQL_C_DOUBLE):
-        valeur = DoubleToInt32(v.valNum.dVal);
-        return KVN_NO_ERROR;
-    case TypeByte(SQL_C_CHAR):
-    case TypeByte(SQL_C_WCHAR):
-        if (IsAllDigits(TextOf(v))) {
-            // An empty text converts nothing and leaves valeur as it was.
-            if (*TextOf(v)) valeur = std::wcstol(TextOf(v), nullptr, 10);
+    case TypeByte(SQL_C_DOUBLE): valeur = DoubleToInt32(v.valNum.dVal); return KVN_NO_ERROR;
+    default:
+        if (const wchar_t* digits = Digits(v)) {
+            if (*digits) valeur = std::wcstol(digits, nullptr, 10);
             return KVN_NO_ERROR;
         }
-        break;
-    default:
         break;
     }
     LogIncompatible(col, L"long", v);
@@ -209,34 +266,23 @@ int CKorvaneClient::GetData(int hCnx, int col, short& valeur) {
 }
 
 int CKorvaneClient::GetData(int hCnx, int col, __int64& valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 0, nullptr);
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kSansLigne);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
+    const CParam& v = lu.Valeur();
     if (v.bNull) {
         valeur = KVN_NULL_DATA;
         return KVN_NULL_DATA;
     }
     switch (TypeByte(v.cType)) {
-    case TypeByte(SQL_C_LONG):
-        valeur = v.valNum.lVal;
-        return KVN_NO_ERROR;
-    case TypeByte(SQL_C_SBIGINT):
-        valeur = v.valNum.llVal;
-        return KVN_NO_ERROR;
-    case TypeByte(SQL_C_DOUBLE):
-        valeur = DoubleToInt64(v.valNum.dVal);
-        return KVN_NO_ERROR;
-    case TypeByte(SQL_C_CHAR):
-    case TypeByte(SQL_C_WCHAR):
-        if (IsAllDigits(TextOf(v))) {
-            if (*TextOf(v)) valeur = std::wcstoll(TextOf(v), nullptr, 10);
+    case TypeByte(SQL_C_LONG): valeur = v.valNum.lVal; return KVN_NO_ERROR;
+    case TypeByte(SQL_C_SBIGINT): valeur = v.valNum.llVal; return KVN_NO_ERROR;
+    case TypeByte(SQL_C_DOUBLE): valeur = DoubleToInt64(v.valNum.dVal); return KVN_NO_ERROR;
+    default:
+        if (const wchar_t* digits = Digits(v)) {
+            if (*digits) valeur = std::wcstoll(digits, nullptr, 10);
             return KVN_NO_ERROR;
         }
-        break;
-    default:
         break;
     }
     LogIncompatible(col, L"int64", v);
@@ -244,35 +290,24 @@ int CKorvaneClient::GetData(int hCnx, int col, __int64& valeur) {
 }
 
 int CKorvaneClient::GetData(int hCnx, int col, double& valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 8, L"CKorvaneClient::GetData2");
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kDouble);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
+    const CParam& v = lu.Valeur();
     if (v.bNull) {
         valeur = KVN_NULL_DATA;
         return KVN_NULL_DATA;
     }
     switch (TypeByte(v.cType)) {
-    case TypeByte(SQL_C_LONG):
-        valeur = v.valNum.lVal;
-        return KVN_NO_ERROR;
-    case TypeByte(SQL_C_SBIGINT):
-        valeur = static_cast<double>(v.valNum.llVal);
-        return KVN_NO_ERROR;
-    case TypeByte(SQL_C_DOUBLE):
-        valeur = v.valNum.dVal;
-        return KVN_NO_ERROR;
-    case TypeByte(SQL_C_CHAR):
-    case TypeByte(SQL_C_WCHAR):
+    case TypeByte(SQL_C_LONG): valeur = v.valNum.lVal; return KVN_NO_ERROR;
+    case TypeByte(SQL_C_SBIGINT): valeur = static_cast<double>(v.valNum.llVal); return KVN_NO_ERROR;
+    case TypeByte(SQL_C_DOUBLE): valeur = v.valNum.dVal; return KVN_NO_ERROR;
+    default:
         // Digits only: a decimal point or an exponent is refused here too.
-        if (IsAllDigits(TextOf(v))) {
-            if (*TextOf(v)) valeur = std::wcstod(TextOf(v), nullptr);
+        if (const wchar_t* digits = Digits(v)) {
+            if (*digits) valeur = std::wcstod(digits, nullptr);
             return KVN_NO_ERROR;
         }
-        break;
-    default:
         break;
     }
     LogIncompatible(col, L"double", v);
@@ -282,34 +317,28 @@ int CKorvaneClient::GetData(int hCnx, int col, double& valeur) {
 // ---- GUID, date, the value itself ------------------------------------------------
 
 int CKorvaneClient::GetData(int hCnx, int col, GUID& valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 0, nullptr);
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kSansLigne);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
+    const CParam& v = lu.Valeur();
     if (v.bNull) {
         KvnUuidCreateNil(&valeur);
         return KVN_NULL_DATA;
     }
-    if (IsText(v)) {
-        GUID g;
-        if (KvnUuidFromString(TextOf(v), &g)) {
-            valeur = g;
-            return KVN_NO_ERROR;
-        }
+    GUID g;
+    if (IsText(v) && KvnUuidFromString(TextOf(v), &g)) {
+        valeur = g;
+        return KVN_NO_ERROR;
     }
     LogIncompatible(col, L"GUID", v);
     return KVN_ERROR_DATATYPE;
 }
 
 int CKorvaneClient::GetData(int hCnx, int col, SYSTEMTIME& valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 12, L"CKorvaneClient::GetData6");
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kSystemTime);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
+    const CParam& v = lu.Valeur();
     if (v.bNull) {
         std::memset(&valeur, 0, sizeof(valeur));
         return KVN_NULL_DATA;
@@ -320,67 +349,56 @@ int CKorvaneClient::GetData(int hCnx, int col, SYSTEMTIME& valeur) {
 }
 
 int CKorvaneClient::GetData(int hCnx, int col, CParam& valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 13, L"CKorvaneClient::GetData7");
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kParam);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
     // A NULL value is a value like any other here: its bNull tells.
-    valeur = v;
+    valeur = lu.Valeur();
     return KVN_NO_ERROR;
 }
 
 // ---- Texts ------------------------------------------------------------------------
 
 int CKorvaneClient::GetData(int hCnx, int col, CString& valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 9, L"CKorvaneClient::GetData3");
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kCString);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
-    if (v.bNull) {
+    if (lu.Valeur().bNull) {
         valeur.Empty();
         return KVN_NULL_DATA;
     }
-    DStr text;
-    if (ValueToText(v, text)) valeur = text.GetString();
+    DStr scratch;
+    if (const wchar_t* text = ValueToText(lu.Valeur(), scratch)) valeur = text;
     return KVN_NO_ERROR;
 }
 
 int CKorvaneClient::GetData(int hCnx, int col, DStr& valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 10, L"CKorvaneClient::GetData4");
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kDStr);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
-    if (v.bNull) {
+    if (lu.Valeur().bNull) {
         valeur.Empty();
         return KVN_NULL_DATA;
     }
-    DStr text;
-    if (ValueToText(v, text)) valeur = text;
+    DStr scratch;
+    if (const wchar_t* text = ValueToText(lu.Valeur(), scratch)) valeur = text;
     return KVN_NO_ERROR;
 }
 
 int CKorvaneClient::GetData(int hCnx, int col, wchar_t* valeur) {
-    CColumnAccess access;
-    int r = access.Open(this, hCnx, 11, L"CKorvaneClient::GetData5");
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kBuffer);
     if (r != KVN_NO_ERROR) return r;
-    CParam v;
-    m_GetData(access.Cnx(), hCnx, col, v);
-    if ((r = access.Found()) != 0) return r;
     // No buffer, nowhere to write: refused rather than dereferenced.
     if (valeur == nullptr) return KVN_ERROR_PARAMETER;
-    if (v.bNull) {
+    if (lu.Valeur().bNull) {
         valeur[0] = L'\0';
         return KVN_NULL_DATA;
     }
     // Exactly the text and its terminator: the caller sized the buffer for
     // the longest text of the column, nothing beyond it is touched.
-    DStr text;
-    if (ValueToText(v, text)) std::wmemcpy(valeur, text.GetString(), static_cast<std::size_t>(text.Length()) + 1);
+    DStr scratch;
+    if (const wchar_t* text = ValueToText(lu.Valeur(), scratch))
+        std::wmemcpy(valeur, text, std::wcslen(text) + 1);
     return KVN_NO_ERROR;
 }

@@ -15,6 +15,9 @@
 
 namespace {
 
+// Fetch: nothing buffered to deliver, the next block is to be asked for.
+const int kADemander = 1;
+
 // Asks the service for the next block of rows. outcome tells Fetch whether an
 // answer was stored at all.
 int RunGetLine(CKorvaneClient* client, int hCnx, int nbLignes, KvnFrameOutcome& outcome) {
@@ -25,10 +28,6 @@ int RunGetLine(CKorvaneClient* client, int hCnx, int nbLignes, KvnFrameOutcome& 
     outcome = frame.GetOutcome();
     return r;
 }
-
-// While the connection's thread appends a block, waits for the end of the
-// block: the receiver holds the buffer's lock throughout.
-void WaitForBlock(CSelectBuffer& buffer) { buffer.WaitRecept(); }
 
 } // namespace
 
@@ -85,7 +84,7 @@ int CKorvaneClient::GetLine(int hCnx, int nbLignes) {
 // Fetch answers 0 only when a new row became current. The decisions after the
 // buffered rows are used up, in order:
 //   end mark already set                 -> KVN_NO_DATA, buffer emptied
-//   a block is arriving                  -> wait for it, then as below
+//   a block is arriving                  -> wait for it, then as above or below
 //   GetLine failed, nothing was stored   -> GetLine's code (-52, -53, -63 ...)
 //   GetLine brought a row                -> 0
 //   status 0 but no row (loss, or a block without a whole row)
@@ -94,6 +93,11 @@ int CKorvaneClient::GetLine(int hCnx, int nbLignes) {
 //   error status                         -> KVN_NO_DATA when the answer set
 //                                           the end mark or said "no data",
 //                                           else the service's code
+//
+// The row buffer is locked once per Fetch: to make the next row current, or,
+// after the GetLine answer, to make its first row current. Whether to ask is
+// read without the lock; a block in reception holds the lock, so a Fetch that
+// meets one waits for it on the lock and decides on the whole block.
 int CKorvaneClient::Fetch(int hCnx) {
     CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 4);
     if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
@@ -102,21 +106,13 @@ int CKorvaneClient::Fetch(int hCnx) {
     if (!lock.IsHeld()) return KVN_ERROR_HANDLE_CNX;
 
     CSelectBuffer& buffer = cnx->m_selectBuffer;
-    int remaining = 0;
-    if (buffer.GetNbLigne() != 0) {
-        buffer.Fetch(remaining);
-        return KVN_NO_ERROR;
-    }
+    const int pret = buffer.IsADemander() ? kADemander : buffer.FetchSuivante();
+    if (pret == KVN_NO_ERROR) return KVN_NO_ERROR;
 
     CRequestFrame::WithdrawRequest(cnx);
-    if (!buffer.IsLastLigne() && buffer.IsCurrentReceptLine()) {
-        WaitForBlock(buffer);
-        if (buffer.GetNbLigne() != 0 && buffer.Fetch(remaining) == 0) return KVN_NO_ERROR;
-    }
-    if (buffer.IsLastLigne()) {
+    if (pret == KVN_NO_DATA) {
         cnx->m_nCodeErreur = KVN_NO_DATA;
         cnx->m_nResultat = KVN_ERROR_UNKNOWN;
-        buffer.VideBuffer();
         return KVN_NO_DATA;
     }
 
@@ -124,20 +120,22 @@ int CKorvaneClient::Fetch(int hCnx) {
     KvnFrameOutcome outcome = KVN_FRAME_NOT_RUN;
     int r = RunGetLine(this, hCnx, 0, outcome);
     if (outcome != KVN_FRAME_ANSWERED) return r;
-    if (r == KVN_NO_ERROR && buffer.GetNbLigne() != 0 && buffer.Fetch(remaining) == 0)
-        return KVN_NO_ERROR;
+    // FetchSuivante empties the buffer when it meets the end mark.
+    bool lastLigne = false;
+    if (r == KVN_NO_ERROR) {
+        const int apres = buffer.FetchSuivante();
+        if (apres == KVN_NO_ERROR) return KVN_NO_ERROR;
+        lastLigne = apres == KVN_NO_DATA;
+    } else {
+        lastLigne = buffer.IsLastLigne() != 0;
+    }
 
-    bool lastLigne = buffer.IsLastLigne() != 0;
     if (cnx->m_nResultat == 0) {
         // The status says rows came, yet none is current: either a loss woke
         // GetLine and the status is an older answer's, or the block held no
         // whole row.
         if (!CRequestFrame::IsLinkUp(this, cnx)) return KVN_ERROR_SOCKET_CLOSED;
-        if (lastLigne) {
-            buffer.VideBuffer();
-            return KVN_NO_DATA;
-        }
-        return KVN_ERROR_RECEIVE;
+        return lastLigne ? KVN_NO_DATA : KVN_ERROR_RECEIVE;
     }
     int code = cnx->m_nCodeErreur;
     if (code == KVN_NO_DATA) buffer.VideBuffer();

@@ -39,30 +39,30 @@ void PrepareLecture(CConnexionKorvane* cnx) {
 
 // Appends to cnx's row buffer the rows that the cells from parameter
 // `premiere` on fill, `colonnes` cells a row. A last row that did not get all
-// its cells is discarded: a block that cannot be completed loses it. A value
-// or row that cannot be allocated is skipped, never half-stored.
+// its cells is discarded: a block that cannot be completed loses it. Each
+// row is one block of memory (CLigneSelect::AddCopies); a row that cannot be
+// allocated is skipped, never half-stored.
 void ConstruitLignes(CMsgSocketClient& msg, CConnexionKorvane* cnx, int premiere, int colonnes) {
-    CLigneSelect* ligne = new (std::nothrow) CLigneSelect;
-    int colonne = 1;
     const int nb = msg.GetNbParametre();
-    for (int i = premiere; i < nb; ++i) {
-        CParam* source = Param(msg, i);
-        if (source && ligne) {
-            CParam* valeur = new (std::nothrow) CParam;
-            if (valeur) {
-                *valeur = *source;
-                ligne->AddParam(valeur);
-            }
-        }
-        if (colonne == colonnes) {
-            if (ligne) cnx->m_selectBuffer.AddLigne(ligne);
-            ligne = new (std::nothrow) CLigneSelect;
-            colonne = 1;
-        } else {
-            ++colonne;
-        }
+    if (nb - premiere < colonnes) return;  // not one whole row
+    // The cells of one row, handed over together.
+    const int kColonnesSurPile = 64;
+    CParam* surPile[kColonnesSurPile];
+    CParam** cellules = surPile;
+    if (colonnes > kColonnesSurPile) {
+        cellules = new (std::nothrow) CParam*[colonnes];
+        if (!cellules) return;
     }
-    delete ligne;
+    for (int debut = premiere; nb - debut >= colonnes; debut += colonnes) {
+        for (int c = 0; c < colonnes; ++c) cellules[c] = Param(msg, debut + c);
+        CLigneSelect* ligne = new (std::nothrow) CLigneSelect;
+        if (ligne && !ligne->AddCopies(cellules, colonnes)) {
+            delete ligne;
+            ligne = nullptr;
+        }
+        if (ligne) cnx->m_selectBuffer.AddLigne(ligne);
+    }
+    if (cellules != surPile) delete[] cellules;
 }
 
 void Signale(CConnexionKorvane* cnx) { KvnSetEvent(cnx->hEvtResultArrived); }
@@ -236,11 +236,10 @@ int CMsgSocketClient::m_ReceiveResultExecuteSelect(CConnexionKorvane* cnx) {
             cnx->m_nNbResultats = 1;
             if (nb >= 4) {
                 CSelectBuffer& buffer = cnx->m_selectBuffer;
-                int encore = 0;
                 if (Param(*this, 2) && Valeur(*this, 2) != kStatutErreur) {
                     const int lignes = Valeur(*this, 3);
                     const int colonnes = Valeur(*this, 4);
-                    encore = Valeur(*this, 5);
+                    const int encore = Valeur(*this, 5);
                     buffer.BeginRecept();
                     buffer.VideBuffer();
                     if (lignes < 1 || colonnes < 1) {
@@ -249,10 +248,15 @@ int CMsgSocketClient::m_ReceiveResultExecuteSelect(CConnexionKorvane* cnx) {
                     } else {
                         ConstruitLignes(*this, cnx, KVN_PREMIERE_CELLULE_SELECT, colonnes);
                     }
+                    // Inside the block: a reader that sees the block ended
+                    // sees its end mark too.
+                    if (cnx->m_nCodeErreur == KVN_NO_DATA || encore == 0) buffer.SetLastLigne();
                     buffer.EndRecept();
+                } else {
+                    // The second status -2 means no rows at all: the result
+                    // ends here.
+                    buffer.SetLastLigne();
                 }
-                // The second status -2 means no rows at all: the result ends here.
-                if (cnx->m_nCodeErreur == KVN_NO_DATA || encore == 0) buffer.SetLastLigne();
             }
         }
     }
@@ -266,7 +270,6 @@ int CMsgSocketClient::m_ReceiveResultExecuteSelect(CConnexionKorvane* cnx) {
 int CMsgSocketClient::m_ReceiveResultGetLine(CConnexionKorvane* cnx) {
     CSelectBuffer& buffer = cnx->m_selectBuffer;
     const int nb = GetNbParametre();
-    int encore = 0;
     if (nb < 2) {
         cnx->m_nResultat = kStatutErreur;
         cnx->m_nCodeErreur = KVN_ERROR_RECEIVE;
@@ -281,7 +284,7 @@ int CMsgSocketClient::m_ReceiveResultGetLine(CConnexionKorvane* cnx) {
         } else {
             const int lignes = Valeur(*this, 1);
             const int colonnes = Valeur(*this, 2);
-            encore = Valeur(*this, 3);
+            const int encore = Valeur(*this, 3);
             buffer.BeginRecept();
             if (lignes < 1 || colonnes < 1) {
                 // An empty later block ends the rows: the readers take 100 as
@@ -291,12 +294,16 @@ int CMsgSocketClient::m_ReceiveResultGetLine(CConnexionKorvane* cnx) {
             } else {
                 ConstruitLignes(*this, cnx, KVN_PREMIERE_CELLULE_GETLINE, colonnes);
             }
+            // Inside the block, as for the first one.
+            if (cnx->m_nCodeErreur == KVN_NO_DATA || encore == 0) buffer.SetLastLigne();
             buffer.EndRecept();
+            Signale(cnx);
+            return 0;
         }
     }
     // Every answer that does not announce more rows ends the result, errors
     // included.
-    if (cnx->m_nCodeErreur == KVN_NO_DATA || encore == 0) buffer.SetLastLigne();
+    buffer.SetLastLigne();
     Signale(cnx);
     return 0;
 }

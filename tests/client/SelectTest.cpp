@@ -2,7 +2,9 @@
 // Fetch, the next blocks asked for with GetLine only once the buffered rows
 // are used up and never after the last one, and what Fetch reports when the
 // rows end or the next block cannot be had.
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -11,7 +13,9 @@
 
 #include "ClientTestUtil.h"
 #include "client/ClientTimings.h"
+#include "peer/WireCodec.h"
 #include "support/OperationSession.h"
+#include "support/TestUtil.h"
 #include "support/ServiceSession.h"
 
 namespace {
@@ -62,6 +66,14 @@ protected:
         return static_cast<int>(found.size());
     }
     static constexpr int kNoData = -1000 - KVN_NO_DATA;
+
+    // Hands an answer to the connection as its thread does with one that
+    // arrives when no request waits for it.
+    void DeliverLate(const peer::Bytes& answer) {
+        CMsgSocketClient msg;
+        ASSERT_EQ(1, msg.AnalyseMessageComplet(const_cast<BYTE*>(answer.data())));
+        msg.AnalyseFonction(client.Connexion(hCnx));
+    }
 };
 
 TEST_F(Select, ZeroRowsOrOneBlockAreWalkedWithoutAskingForMoreAndAFetchAfterTheEndAsksAgain) {
@@ -180,6 +192,119 @@ TEST_F(Select, LibereStatmentIsSentWithoutWaitingForAnAnswer) {
     // declared lost.
     EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, client.LibereStatment(hCnx));
     EXPECT_FALSE(client.IsConnexionConnected(hCnx));
+}
+
+// Over many selects of every shape, Fetch asks for exactly the blocks that
+// the service said were there: never a GETLINE after the block that carried
+// the end, whether that block held rows or none.
+TEST_F(Select, ManySelectsAskForEveryBlockAndNeverPastTheEnd) {
+    const int kSelects = 12;  // every shape twice
+    // Blocks of select i: i % 3 + 1; the last one is empty for odd i.
+    Open([](peer::Connection& c) {
+        for (int i = 0; i < kSelects; i++) {
+            const int blocks = i % 3 + 1;
+            const bool emptyLast = i % 2 == 1;
+            int id = 1;
+            Serve(c, KVN_EXECUTESELECT, FirstBlock(0, id, 2, blocks > 1));
+            id += 2;
+            for (int b = 2; b <= blocks; b++, id += 2)
+                Serve(c, KVN_GETLINE, NextBlock(id, (b == blocks && emptyLast) ? 0 : 2, b < blocks));
+        }
+        c.ExpectSilence(200);
+    });
+    int expectedGetLines = 0;
+    for (int i = 0; i < kSelects; i++) {
+        const int blocks = i % 3 + 1;
+        const int rows = 2 * blocks - ((blocks > 1 && i % 2 == 1) ? 2 : 0);
+        expectedGetLines += blocks - 1;
+        int resultat = -1;
+        ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select id, nom from t", resultat));
+        for (int id = 1; id <= rows; id++) ASSERT_EQ(id, FetchId()) << "select " << i;
+        ASSERT_EQ(kNoData, FetchId()) << "select " << i;
+    }
+    Finish();
+    EXPECT_EQ(expectedGetLines, GetLineRequests());
+}
+
+// A Fetch decides to ask for the next block, without taking the buffer's
+// lock, when it sees no block in reception, no row and no end mark. A block
+// that carries the end sets its mark before its reception ends, so that no
+// reader can see the reception over and the end not yet there. Here the
+// connection's side receives last blocks again and again while the
+// application's side watches the flags as closely as it can (a stress loop:
+// it sees the moment a block ends only when both sides run at once, so it is
+// bounded in rounds and in time rather than required to see a given number).
+TEST_F(Select, ABlockThatCarriesTheEndIsNeverSeenEndedWithoutItsEndMark) {
+    Open([](peer::Connection&) {});
+    CSelectBuffer& buffer = client.Connexion(hCnx)->m_selectBuffer;
+    // An empty last block: it brings no row, only the end.
+    const peer::Bytes lastBlock = peer::Encode(peer::Msg(KVN_GETLINE, 7, hCnx, NextBlock(1, 0, 0)));
+
+    const int kRounds = 40000;
+    std::atomic<int> round{0};
+    std::atomic<bool> received{false};
+    std::thread connexion([&] {
+        for (int i = 1; i <= kRounds; i++) {
+            while (round.load() < i) std::this_thread::yield();
+            if (round.load() > kRounds) break;
+            DeliverLate(lastBlock);
+            received = true;
+        }
+    });
+    const kvntest::Clock::time_point start = kvntest::Clock::now();
+    int seenEnding = 0, missed = 0;
+    for (int i = 1; i <= kRounds && missed == 0 && kvntest::MsSince(start) < 2000; i++) {
+        buffer.VideBuffer();  // no row, no end mark: a Fetch now would ask
+        received = false;
+        round = i;
+        bool inReception = false;
+        while (!received.load() || inReception) {
+            if (buffer.IsCurrentReceptLine()) {
+                inReception = true;
+            } else if (inReception) {
+                seenEnding++;
+                if (buffer.IsADemander()) missed++;
+                break;
+            }
+        }
+        while (!received.load()) std::this_thread::yield();
+    }
+    round = kRounds + 1;
+    connexion.join();
+    EXPECT_EQ(0, missed) << "a reader saw the block ended without its end mark (" << seenEnding
+                         << " endings seen)";
+}
+
+// A late first block of a select empties the buffer from the connection's
+// thread, with no regard for the application's request lock. The value that
+// GetData reads is copied while the buffer's lock keeps the block out, so it
+// is never read after being freed (the address sanitizer watches) and always
+// whole.
+TEST_F(Select, ALateFirstBlockNeverFreesTheValueThatGetDataReads) {
+    const std::wstring longText(2000, L'x');
+    std::vector<peer::Value> values = {peer::Long(0), peer::Long(0), peer::Long(0), peer::Long(1),
+                                       peer::Long(2), peer::Long(0), peer::Long(1),
+                                       peer::Text(longText.c_str())};
+    Open([values](peer::Connection& c) { Serve(c, KVN_EXECUTESELECT, values); });
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select", resultat));
+    ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
+
+    const peer::Bytes late = peer::Encode(peer::Msg(KVN_EXECUTESELECT, 7, hCnx, values));
+    std::atomic<bool> stop{false};
+    std::thread connexion([&] {
+        for (int i = 0; i < 3000 && !stop; i++) DeliverLate(late);
+        stop = true;
+    });
+    int reads = 0, wrong = 0;
+    while (!stop) {
+        DStr text;
+        // Old row or new one, the head row is always there and whole.
+        if (client.GetData(hCnx, 2, text) != KVN_NO_ERROR || longText != text.GetString()) wrong++;
+        reads++;
+    }
+    connexion.join();
+    EXPECT_EQ(0, wrong) << "of " << reads << " reads";
 }
 
 }  // namespace

@@ -119,6 +119,30 @@ TEST(SelectRow, CopiesOwnTheirValues) {
     // The copies are gone; the original is intact.
     ASSERT_EQ(2, original.GetNbColonnes());
     EXPECT_STREQ(L"texte", original.GetParam(2)->pszValeur);
+
+    // A row made of copies in one block, then values appended after them,
+    // reads in column order; its copy is a row like any other.
+    CParam null;
+    null.cType = SQL_C_WCHAR;
+    null.bNull = 1;
+    CParam* cells[] = {original.GetParam(1), original.GetParam(2), &null};
+    CLigneSelect block;
+    ASSERT_TRUE(block.AddCopies(cells, 3));
+    ASSERT_TRUE(block.AddCopies(cells + 1, 1));
+    block.AddParam(LongValue(9));
+    CLigneSelect copy(block);
+    for (CLigneSelect* row : {&block, &copy}) {
+        ASSERT_EQ(5, row->GetNbColonnes());
+        EXPECT_EQ(5, static_cast<int>(row->GetParam(1)->valNum.lVal));
+        EXPECT_STREQ(L"texte", row->GetParam(2)->pszValeur);
+        const wchar_t* mine = row->GetParam(2)->pszValeur;  // packed fields: read by value
+        const wchar_t* theirs = original.GetParam(2)->pszValeur;
+        const wchar_t* none = row->GetParam(3)->pszValeur;
+        EXPECT_NE(theirs, mine);
+        EXPECT_EQ(nullptr, none) << "a NULL value has no text";
+        EXPECT_STREQ(L"texte", row->GetParam(4)->pszValeur);
+        EXPECT_EQ(9, static_cast<int>(row->GetParam(5)->valNum.lVal));
+    }
 }
 
 // The connection's thread appends while the application's thread walks the
