@@ -9,6 +9,7 @@
 #ifndef KORVANE_CMSGSOCKET_H
 #define KORVANE_CMSGSOCKET_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include <korvane/CParam.h>
@@ -87,7 +88,8 @@ public:
     int GetMsgUnicode();
     // Type byte of parameter i as 0 to 255; 0 outside the list (negative i too).
     int GetTypeParametre(int i);
-    // 1 and *param = parameter i (still owned by the message), else 0.
+    // 1 and *param = parameter i (still owned by the message; a decoded one
+    // is read or copied, never assigned to), else 0.
     int GetParametre(int i, CParam** param);
     void SetParamComm(CParamComm* p);
     void GetParamComm(CParamComm* p);
@@ -123,6 +125,11 @@ protected:
     int m_nNbParam;
     BOOL m_bMessagePret;
     CParamComm m_paramComm;
+    // A received message: the block holding the copy of the message (where
+    // m_pMessage points until a new encoding), the decoded parameters and
+    // their texts; new[].
+    BYTE* m_pBloc;
+    std::size_t m_nTailleBloc;
 };
 
 // Name of a function code ("KVN_" in front when bPrefixe is non-zero);

@@ -149,70 +149,110 @@ unsigned ChampDecimal(const BYTE* texte, int n) {
     return v;
 }
 
-// Builds the parameter of one record whose value bytes (`valeur`) are known
-// to lie within the body. Null when the record is dropped.
-CParam* DecodeRecord(unsigned type, bool bNull, std::size_t taille, const BYTE* valeur,
-                     int unicode) {
-    CParam* p = new (std::nothrow) CParam;
-    if (!p) return nullptr;
-    p->cType = static_cast<signed char>(type);
-    p->bNull = bNull ? 1 : 0;
-    p->nTaille = static_cast<short>(taille);
-    switch (type) {
+// One record that the decoder keeps: its type byte, NULL flag, size field and
+// value bytes, which lie within the body.
+struct Record {
+    unsigned type;
+    bool bNull;
+    std::size_t taille;
+    const BYTE* valeur;
+};
+
+// Walks the `nb` records of a body of `taille` bytes and calls keep(record)
+// for each record the decoder keeps, in order. The rules (see AnalyseMessage)
+// live here only, so that sizing the decoded parameters and decoding them
+// cannot disagree.
+template <class F>
+void ParcourtRecords(const BYTE* body, std::size_t taille, std::int32_t nb, int unicode, F&& keep) {
+    std::size_t pos = 0;
+    for (std::int32_t i = 0; i < nb; ++i) {
+        if (taille - pos < kTailleTete) break;
+        const unsigned type = body[pos];
+        const std::uint16_t s = GetLE16(body + pos + 1);
+        pos += kTailleTete;
+
+        const bool bNull = s == kTailleNull;
+        const std::size_t n = bNull ? 0 : s;
+        if (n == 0 && !bNull && type != 0x01) continue;
+
+        std::size_t octets;
+        switch (type) {
+        case 0x04:
+        case 0x08:
+        case 0xE7:
+        case 0xE5:
+        case 0x0B: octets = n; break;
+        case 0x01:
+        case 0xF8: octets = unicode ? 2 * n : n; break;
+        default: continue;  // unknown type: dropped, only its head passed
+        }
+        if (octets > taille - pos) break;
+        const BYTE* valeur = body + pos;
+        pos += octets;
+
+        // Values that cannot be held as their type are dropped, their bytes passed.
+        if (type == 0x0B && !bNull && n != kTailleDate) continue;
+        if ((type == 0x01 || type == 0xF8) && n > static_cast<std::size_t>(kMaxTexte)) continue;
+        keep(Record{type, bNull, n, valeur});
+    }
+}
+
+// Room for the text of a record: one wide character at most per code unit
+// or byte, and a terminator. NULL texts read as the empty text.
+std::size_t TexteRecord(const Record& r) {
+    return (r.type == 0x01 || r.type == 0xF8) ? r.taille + 1 : 0;
+}
+
+// Fills the empty parameter p from a kept record; a text goes to `texte`,
+// which has room for TexteRecord(r) characters.
+void DecodeRecord(const Record& r, int unicode, CParam* p, wchar_t* texte) {
+    p->cType = static_cast<signed char>(r.type);
+    p->bNull = r.bNull ? 1 : 0;
+    p->nTaille = static_cast<short>(r.taille);
+    switch (r.type) {
     case 0x04:
     case 0x08:
     case 0xE7:
     case 0xE5: {
         // A field wider than the 8-byte slot keeps its first 8 bytes; the
-        // caller has moved past the whole field.
-        std::size_t n = taille < 8 ? taille : 8;
+        // walk has moved past the whole field.
+        std::size_t n = r.taille < 8 ? r.taille : 8;
         BYTE slot[8] = {};
-        std::memcpy(slot, valeur, n);
+        std::memcpy(slot, r.valeur, n);
         p->valNum.llVal = static_cast<std::int64_t>(GetLE64(slot));
         p->nTaille = static_cast<short>(n);
         break;
     }
     case 0x0B:
-        if (!bNull) {
-            // A timestamp is exactly 18 digits; any other size cannot be read
-            // as one, and the record is dropped (the caller has moved past it).
-            if (taille != kTailleDate) {
-                delete p;
-                return nullptr;
-            }
+        if (!r.bNull) {
             KvnTimestamp& d = p->dateValeur;
-            d.day = static_cast<std::uint16_t>(ChampDecimal(valeur, 2));
-            d.month = static_cast<std::uint16_t>(ChampDecimal(valeur + 2, 2));
-            d.year = static_cast<std::int16_t>(ChampDecimal(valeur + 4, 4));
-            d.hour = static_cast<std::uint16_t>(ChampDecimal(valeur + 8, 2));
-            d.minute = static_cast<std::uint16_t>(ChampDecimal(valeur + 10, 2));
-            d.second = static_cast<std::uint16_t>(ChampDecimal(valeur + 12, 2));
-            d.fraction = ChampDecimal(valeur + 14, 4);
+            d.day = static_cast<std::uint16_t>(ChampDecimal(r.valeur, 2));
+            d.month = static_cast<std::uint16_t>(ChampDecimal(r.valeur + 2, 2));
+            d.year = static_cast<std::int16_t>(ChampDecimal(r.valeur + 4, 4));
+            d.hour = static_cast<std::uint16_t>(ChampDecimal(r.valeur + 8, 2));
+            d.minute = static_cast<std::uint16_t>(ChampDecimal(r.valeur + 10, 2));
+            d.second = static_cast<std::uint16_t>(ChampDecimal(r.valeur + 12, 2));
+            d.fraction = ChampDecimal(r.valeur + 14, 4);
         }
         break;
-    case 0x01:
-    case 0xF8:
-        // A text longer than a CParam's signed 16-bit size can hold is dropped.
-        if (taille > static_cast<std::size_t>(kMaxTexte)) {
-            delete p;
-            return nullptr;
-        }
-        // One wide character at most per code unit or byte, and a terminator.
-        p->pszValeur = new (std::nothrow) wchar_t[taille + 1];
-        if (!p->pszValeur) {
-            delete p;
-            return nullptr;
-        }
+    default:  // 0x01, 0xF8
         if (unicode)
-            WireReadUtf16(valeur, taille, p->pszValeur);
+            WireReadUtf16(r.valeur, r.taille, texte);
         else
-            WireReadNarrow(valeur, taille, p->pszValeur);
+            WireReadNarrow(r.valeur, r.taille, texte);
+        p->pszValeur = texte;
         break;
-    default:
-        delete p;
-        return nullptr;
     }
-    return p;
+}
+
+// Where the decoded parameters of a received message live: after the copy of
+// its header and body, in the same block (m_pBloc), the parameters, then
+// their texts. Whether a parameter lies there tells ClearMessage who frees it.
+constexpr std::size_t Arrondi(std::size_t n, std::size_t a) { return (n + a - 1) / a * a; }
+
+bool DansBloc(const void* p, const BYTE* bloc, std::size_t taille) {
+    const BYTE* b = static_cast<const BYTE*>(p);
+    return bloc != nullptr && b >= bloc && b < bloc + taille;
 }
 
 }  // namespace
@@ -220,7 +260,8 @@ CParam* DecodeRecord(unsigned type, bool bNull, std::size_t taille, const BYTE* 
 // ---- Construction and building ---------------------------------------------------
 
 CMsgSocket::CMsgSocket()
-    : m_pMessage(nullptr), m_nTailleMessage(0), m_nNbParam(0), m_bMessagePret(0) {
+    : m_pMessage(nullptr), m_nTailleMessage(0), m_nNbParam(0), m_bMessagePret(0),
+      m_pBloc(nullptr), m_nTailleBloc(0) {
     m_entete.nIdApplication = -1;
     m_entete.nFonction = -1;
 }
@@ -369,7 +410,9 @@ int CMsgSocket::CreateMessage(int unicode) {
     }
 
     m_entete.nTailleData = static_cast<std::uint32_t>(taille);
-    delete[] m_pMessage;
+    // A received message's copy shares its block with the decoded
+    // parameters, which stay.
+    if (m_pMessage != m_pBloc) delete[] m_pMessage;
     m_pMessage = new (std::nothrow) BYTE[taille + KVN_TAILLE_ENTETE];
     if (!m_pMessage) {
         m_nTailleMessage = 0;
@@ -413,15 +456,33 @@ int CMsgSocket::CreateMessage(int unicode) {
 //   its bytes;
 // - a text of more than 32767 characters is dropped, and the decoding moves
 //   past its bytes.
+//
+// The parameters are not allocated one by one: a first walk over the records
+// sizes them, and they are built, texts included, in the block that holds the
+// copy of the message. They belong to the message, to be read or copied
+// (never assigned to: their texts are not theirs to free) until it is
+// cleared; a parameter added later with AddParametre is freed on its own.
 int CMsgSocket::AnalyseMessage(CEnteteMsgSocket& entete, BYTE* data) {
     if (!data) return 0;
     // Copied first: entete may be this message's own header and data its own
     // buffer, both of which ClearMessage resets.
     CEnteteMsgSocket recu = entete;
-    std::size_t taille = recu.nTailleData;
+    const std::size_t taille = recu.nTailleData;
+    const int unicode = recu.bUnicode;
+
+    std::size_t nbParams = 0, nbCaracteres = 0;
+    if (taille <= kMaxMessage) {
+        ParcourtRecords(data, taille, recu.nNbParam, unicode, [&](const Record& r) {
+            ++nbParams;
+            nbCaracteres += TexteRecord(r);
+        });
+    }
+    const std::size_t debutParams = Arrondi(taille + KVN_TAILLE_ENTETE, alignof(std::max_align_t));
+    const std::size_t debutTextes = Arrondi(debutParams + nbParams * sizeof(CParam), alignof(wchar_t));
+    const std::size_t tailleBloc = debutTextes + nbCaracteres * sizeof(wchar_t);
     BYTE* copie = nullptr;
     if (taille <= kMaxMessage) {
-        copie = new (std::nothrow) BYTE[taille + KVN_TAILLE_ENTETE];
+        copie = new (std::nothrow) BYTE[tailleBloc];
         if (copie) {
             EncodeEntete(recu, copie);
             if (taille) std::memcpy(copie + KVN_TAILLE_ENTETE, data, taille);
@@ -430,48 +491,23 @@ int CMsgSocket::AnalyseMessage(CEnteteMsgSocket& entete, BYTE* data) {
     ClearMessage();
     if (!copie) return 0;  // a body this size cannot be held: the message stays empty
 
-    const int unicode = recu.bUnicode;
     m_entete = recu;
     m_entete.nNbParam = 0;  // counts the parameters kept
+    m_pBloc = copie;
+    m_nTailleBloc = tailleBloc;
     m_pMessage = copie;
     m_nTailleMessage = static_cast<int>(taille + KVN_TAILLE_ENTETE);
 
-    const BYTE* body = m_pMessage + KVN_TAILLE_ENTETE;
-    std::size_t pos = 0;
-    for (std::int32_t i = 0; i < recu.nNbParam; ++i) {
-        if (taille - pos < kTailleTete) break;
-        unsigned type = body[pos];
-        std::uint16_t s = GetLE16(body + pos + 1);
-        pos += kTailleTete;
-
-        bool bNull = s == kTailleNull;
-        std::size_t n = bNull ? 0 : s;
-        if (n == 0 && !bNull && type != 0x01) continue;
-
-        std::size_t octets;
-        switch (type) {
-        case 0x04:
-        case 0x08:
-        case 0xE7:
-        case 0xE5:
-        case 0x0B: octets = n; break;
-        case 0x01:
-        case 0xF8: octets = unicode ? 2 * n : n; break;
-        default: continue;  // unknown type: dropped, only its head passed
-        }
-        if (octets > taille - pos) break;
-        const BYTE* valeur = body + pos;
-        pos += octets;
-
-        CParam* p = DecodeRecord(type, bNull, n, valeur, unicode);
-        if (!p) continue;
-        if (m_listParam.Add(p) < 0) {
-            delete p;
-            break;
-        }
+    CParam* param = reinterpret_cast<CParam*>(copie + debutParams);
+    wchar_t* texte = reinterpret_cast<wchar_t*>(copie + debutTextes);
+    ParcourtRecords(copie + KVN_TAILLE_ENTETE, taille, recu.nNbParam, unicode, [&](const Record& r) {
+        CParam* p = new (param++) CParam;
+        DecodeRecord(r, unicode, p, texte);
+        texte += TexteRecord(r);
+        if (m_listParam.Add(p) < 0) return;  // out of memory: this one is not kept
         ++m_entete.nNbParam;
         ++m_nNbParam;
-    }
+    });
     m_bMessagePret = 1;
     return 1;
 }
@@ -491,12 +527,19 @@ void CMsgSocket::ClearMessage() {
     m_entete.nNbParam = 0;
     m_entete.nTailleData = 0;
     int n = m_listParam.GetSize();
-    for (int i = 0; i < n; ++i) delete static_cast<CParam*>(m_listParam.GetAt(i));
+    for (int i = 0; i < n; ++i) {
+        // Parameters built in the block go with it, their texts too.
+        CParam* p = static_cast<CParam*>(m_listParam.GetAt(i));
+        if (!DansBloc(p, m_pBloc, m_nTailleBloc)) delete p;
+    }
     m_listParam.RemoveAll();
     m_nNbParam = 0;
-    delete[] m_pMessage;
+    if (m_pMessage != m_pBloc) delete[] m_pMessage;
     m_pMessage = nullptr;
     m_nTailleMessage = 0;
+    delete[] m_pBloc;
+    m_pBloc = nullptr;
+    m_nTailleBloc = 0;
 }
 
 BYTE* CMsgSocket::GetMessageW(int* pLen) {

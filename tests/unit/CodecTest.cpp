@@ -415,6 +415,11 @@ TEST(Decoding, NullDataIsRefusedAndADecodedMessageHoldsTheWholeMessage) {
     BYTE* p = m.GetMessage(&len);
     ASSERT_NE(nullptr, p);
     EXPECT_EQ(wire, Bytes(p, p + len));
+
+    // The decoded parameters share a block with the received copy; encoding
+    // the message anew, with one parameter more, keeps them.
+    m.AddParametre(SQL_C_LONG, 0, &v);
+    EXPECT_EQ(L"248:8:SELECT 1 | 4:4:4 | 4:4:4", Decoded(Encoded(m)));
 }
 
 TEST(MessageObject, NothingIsEncodedWithoutHeaderAndClearingKeepsConnectionAndWidth) {
