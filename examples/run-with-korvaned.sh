@@ -16,6 +16,7 @@ mode=${2:?usage: run-with-korvaned.sh KORVANED MODE PROGRAM}
 program=${3:?usage: run-with-korvaned.sh KORVANED MODE PROGRAM}
 here=$(cd "$(dirname "$0")" && pwd)
 dir=$(mktemp -d)
+chmod 755 "$dir"  # PostgreSQL runs as its own user when started by root
 service=0
 postgres=""
 
