@@ -12,6 +12,9 @@ packages+=(unixodbc-dev libsqliteodbc)
 # checked with pkg-config.
 packages+=(libinih-dev pkg-config)
 if [ "$what" = test ]; then
+  packages+=(doxygen)  # the API reference
+fi
+if [ "$what" = test ]; then
   # Windows cross-build (32-bit DLL, 64-bit tests under Wine), fuzzing.
   packages+=(g++-mingw-w64-i686 g++-mingw-w64-x86-64 wine wine64 clang libclang-rt-14-dev)
   # The service's tests against a PostgreSQL server started in a temporary directory.

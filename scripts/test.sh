@@ -4,7 +4,9 @@
 #     benchmarks: every test, the service's and the end-to-end ones included;
 #  2. address + undefined-behaviour sanitizers, every test;
 #  3. thread sanitizer, every test;
-#  4. the installed CMake package consumed by a small application;
+#     the examples run against korvaned, and the API reference is built;
+#  4. the installed package: its tools run from the prefix, and a small
+#     application builds with find_package and with pkg-config;
 #  5. Windows: the 32-bit KorvaneClientU.dll built and link-checked, the
 #     64-bit test programs run under Wine;
 #  6. a short run of the decoder's fuzz target.
@@ -28,6 +30,9 @@ build_and_test() {
 }
 
 build_and_test build-ci -DKVN_BUILD_BENCH=ON
+echo "== API reference"
+cmake --build build-ci --target docs >/dev/null
+if [ -s build-ci/docs/warnings.log ]; then cat build-ci/docs/warnings.log; exit 1; fi
 build_and_test build-ci-asan -DKVN_SANITIZE=address,undefined
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   build_and_test build-ci-tsan -DKVN_SANITIZE=thread
