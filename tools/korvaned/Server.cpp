@@ -76,12 +76,16 @@ void Server::Serve() {
             KvnSleep(100);
         }
     }
+    std::lock_guard<std::mutex> guard(lock_);
     KvnCloseSocket(listening_);
     listening_ = INVALID_SOCKET;
 }
 
 void Server::Stop() {
-    if (stopping_.exchange(true)) return;
+    // Under the lock that Serve closes the socket with: a descriptor number
+    // closed meanwhile may already name another socket.
+    std::lock_guard<std::mutex> guard(lock_);
+    if (stopping_.exchange(true) || listening_ == INVALID_SOCKET) return;
     // Wakes the accept: a listening socket shut down reports an error at once.
     KvnShutdown(listening_);
 }
@@ -117,13 +121,13 @@ bool Server::Accept(SOCKET s) {
 bool Server::BeginRequest(Session* session) {
     std::lock_guard<std::mutex> guard(lock_);
     if (stopping_.load()) return false;
-    busy_.insert(session);
+    session->busy = true;
     return true;
 }
 
 bool Server::EndRequest(Session* session) {
     std::lock_guard<std::mutex> guard(lock_);
-    busy_.erase(session);
+    session->busy = false;
     if (!stopping_.load()) return true;
     ++finished_;
     return false;
@@ -133,7 +137,6 @@ void Server::SessionEnded(Session* session) {
     {
         std::lock_guard<std::mutex> guard(lock_);
         sessions_.erase(session);
-        busy_.erase(session);
     }
     // Deleted outside the lock: closing a database connection may take time.
     delete session;
@@ -149,12 +152,12 @@ Server::ShutdownCounts Server::Shutdown(DWORD boundMs) {
     // Idle links are closed now; a busy one is closed by its own thread
     // once its answer has gone (EndRequest then reports the stop).
     for (Session* s : sessions_) {
-        if (!busy_.count(s)) s->Interrupt();
+        if (!s->busy) s->Interrupt();
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(boundMs);
     sessionEnded_.wait_until(guard, deadline, [this] { return live_ == 0; });
     counts.finished = finished_;
-    counts.abandoned = static_cast<int>(busy_.size());
+    for (Session* s : sessions_) counts.abandoned += s->busy ? 1 : 0;
     // Past the bound: the links still busy are cut; their requests run on
     // in the database until the process ends.
     for (Session* s : sessions_) s->Interrupt();
@@ -174,7 +177,7 @@ std::string Server::StatsPage() {
         links = static_cast<int>(sessions_.size());
         applications = static_cast<int>(applications_.size());
         connexions = connexions_;
-        busy = static_cast<int>(busy_.size());
+        for (Session* s : sessions_) busy += s->busy ? 1 : 0;
     }
     std::string page = "# korvaned " KVN_VERSION "\n";
     page += "uptime_seconds " + std::to_string((KvnGetTickCount() - startTick_) / 1000) + "\n";

@@ -87,14 +87,13 @@ private:
     std::atomic<bool> stopping_;
     const DWORD startTick_;
 
-    std::mutex lock_;  // guards the members below
+    std::mutex lock_;  // guards the members below, and the closing of listening_
     std::map<int, unsigned long> applications_;  // id -> serial of its main link
     int nextId_;
     int connexions_;
-    // Sessions, and those of them running a request. A session leaves the
-    // sets before it is deleted, so a member is alive while the lock is held.
+    // The sessions; one leaves the set before it is deleted, so a member is
+    // alive while the lock is held.
     std::set<Session*> sessions_;
-    std::set<Session*> busy_;
     int live_;                      // sessions not deleted yet
     int finished_;  // requests that were under way at the stop and got their answer
     std::condition_variable sessionEnded_;

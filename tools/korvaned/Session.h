@@ -35,6 +35,9 @@ public:
     // The socket is no longer the session's (its thread never started).
     void DetachSocket() { sock_ = INVALID_SOCKET; }
 
+    // A request is under way; guarded by the server's lock.
+    bool busy = false;
+
 private:
     enum class Role { Unknown, Application, Connexion, Closed };
 

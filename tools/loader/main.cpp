@@ -159,7 +159,8 @@ int main(int argc, char** argv) {
         if (child == 0) Log("GO received: cannot start %s", service[0]);
         else Log("GO received: started %s (process %lld)", service[0], child);
     }
-    KvnCloseSocket(g_listening);
+    // The listening socket stays open until the process ends: the signal
+    // thread may still be shutting it down.
     int exitCode = 0;
     if (child != 0 && KvnWaitProcess(child, 0, &exitCode) == 0) {
         Log("stopping the service (process %lld)", child);
