@@ -14,6 +14,8 @@ packages+=(libinih-dev pkg-config)
 if [ "$what" = test ]; then
   packages+=(doxygen)  # the API reference
 fi
+# kvnsql's line editing and history at the prompt.
+packages+=(libedit-dev)
 if [ "$what" = test ]; then
   # Windows cross-build (32-bit DLL, 64-bit tests under Wine), fuzzing.
   packages+=(g++-mingw-w64-i686 g++-mingw-w64-x86-64 wine wine64 clang libclang-rt-14-dev)

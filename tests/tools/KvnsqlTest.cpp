@@ -3,6 +3,7 @@
 // results.
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -48,16 +49,29 @@ TEST(KvnsqlOptions, EveryOptionInShortLongAndInlineSpelling) {
               std::tie(o.host, o.port, o.loaderPort, o.application, o.logLevel, o.logFile, o.echo, o.prompt,
                        o.nullText));
     EXPECT_EQ((std::vector<std::string>{"select 1", "\\exists t"}), o.commands);
+    ASSERT_EQ(OptionsResult::Run, Parse({"-A", "--csv", "-t", "-F", ";", "--output=r.txt", "-q", "--no-pager",
+                                         "--stop-on-error", "-v"},
+                                        o, error))
+        << error;
+    EXPECT_EQ(std::make_tuple(OutputFormat::Csv, true, ";", "r.txt", true, false, true, true),
+              std::tie(o.format, o.tuplesOnly, o.fieldSeparator, o.outputFile, o.quiet, o.pager, o.stopOnError,
+                       o.verbose));
     KvnsqlOptions defaults;
     ASSERT_EQ(OptionsResult::Run, Parse({}, defaults, error));
     EXPECT_EQ(std::make_tuple("127.0.0.1", 5151, 0, true),
               std::tie(defaults.host, defaults.port, defaults.loaderPort, defaults.prompt));
     EXPECT_EQ(OptionsResult::Help, Parse({"-p", "1", "--help"}, defaults, error));
     const std::string help = KvnsqlHelp("kvnsql");
-    for (const char* word : {"--host", "--port", "--loader-port", "--app", "--log-level", "--log-file",
-                             "--command", "--file", "--echo", "--no-prompt", "--null", "--help", "\\exists",
-                             "\\columns", "\\call", "\\bind", "\\unbind", "\\requete", "\\echo", "\\help", "\\quit"}) {
+    for (const char* word : {"--host", "--port", "--loader-port", "--app", "--verbose", "--log-level",
+                             "--log-file", "--command", "--file", "--echo", "--no-prompt", "--stop-on-error",
+                             "--no-align", "--csv", "--tuples-only", "--field-separator", "--null", "--output",
+                             "--quiet", "--no-pager", "$PAGER", "--help", "~/.kvnsql_history", "Ctrl-C",
+                             "Column headers", "ON_ERROR_STOP"}) {
         EXPECT_NE(std::string::npos, help.find(word)) << word;
+    }
+    // Every command that completes is explained.
+    for (const std::string& command : CommandNames()) {
+        EXPECT_NE(std::string::npos, help.find("\\" + command)) << command;
     }
 }
 
@@ -76,7 +90,8 @@ TEST(KvnsqlOptions, RefusesWhatTheLibraryWouldCutOrCannotUse) {
         {{"--log-level", "2"}, "needs --log-file"},
         {{"-c", "select 1", "-f", "x.sql"}, "cannot be used together"},
         {{"--echo=yes"}, "takes no value"},
-        {{"--verbose"}, "unknown option '--verbose'"},
+        {{"--verbosity"}, "unknown option '--verbosity'"},
+        {{"-F", ""}, "separator cannot be empty"},
     };
     for (const Case& c : cases) {
         KvnsqlOptions o;
@@ -222,85 +237,116 @@ TEST(KvnsqlStatements, SemicolonsOutsideQuotesCommentsAndDollarBodiesEndStatemen
     EXPECT_EQ((Strings{L"do $$ begin\n\n  perform 1;\nend $$"}), Texts(s.AddLine(L"end $$;")));
 }
 
-TEST(KvnsqlStatements, BlankLinesAndBackslashCommandsCountOnlyOutsideQuotesAndComments) {
+TEST(KvnsqlStatements, BlankLinesContinueAndCommandsRunInsideAPendingStatement) {
     StatementSplitter s;
-    s.AddLine(L"select 'two");
+    s.AddLine(L"select 1,");
     EXPECT_TRUE(s.AddLine(L"").empty());
-    EXPECT_TRUE(s.AddLine(L"lines'").empty());
-    EXPECT_EQ((Strings{L"select 'two\n\nlines'"}), Texts(s.AddLine(L"  ")));
-    s.AddLine(L"delete /* a");
-    EXPECT_TRUE(s.AddLine(L"").empty());
-    EXPECT_EQ((Strings{L"delete /* a\n\n*/ from t"}), Texts(s.AddLine(L"*/ from t;")));
+    // A command on a continuation line runs; the statement goes on after it.
+    EXPECT_EQ((Strings{L"\\echo mid"}), Texts(s.AddLine(L"  \\echo mid")));
+    EXPECT_TRUE(s.Pending());
+    std::vector<InputItem> items = s.AddLine(L"2;");
+    EXPECT_EQ((Strings{L"select 1,\n\n2"}), Texts(items));
+    EXPECT_EQ(1, items[0].line) << "a statement counts from its first line";
 
-    EXPECT_EQ((Strings{L"\\bind long:1"}), Texts(s.AddLine(L"  \\bind long:1  ")));
-    s.AddLine(L"select '");
-    EXPECT_TRUE(s.AddLine(L"\\x").empty());  // inside a quote: text
-    EXPECT_EQ((Strings{L"select '\n\\x\n'"}), Texts(s.AddLine(L"';")));
+    // \r clears, even inside an open quote or comment, and so does Clear.
+    s.AddLine(L"select 'open");
+    EXPECT_TRUE(s.AddLine(L"\\x").empty()) << "inside a quote, text";
+    EXPECT_EQ((Strings{L"\\r"}), Texts(s.AddLine(L"\\r")));
+    EXPECT_FALSE(s.Pending());
+    s.AddLine(L"/* open");
+    EXPECT_EQ((Strings{L"\\q"}), Texts(s.AddLine(L" \\q ")));
+    s.Clear();
+    // \g ends the statement as ';' would.
+    s.AddLine(L"select 3");
+    items = s.AddLine(L"\\g");
+    EXPECT_EQ((Strings{L"select 3"}), Texts(items));
+    EXPECT_EQ(10, items[0].line);
+
     EXPECT_EQ((Strings{L"create table t (a int)", L"\\exists t", L"select 1", L"\\columns t;"}),
               Texts(SplitText(L"create table t (a int);\n\\exists t\nselect 1; \\columns t;")));
-    // Comments alone are no statement: never sent, and no obstacle to a command.
-    EXPECT_EQ((Strings{L"\\exists t", L"select 1", L"select 2 /* two */"}),
-              Texts(SplitText(L"-- the table\n/* still */\n\\exists t\nselect 1; -- done\n\n-- end\n"
-                              L"-- second\n select 2 /* two */;")));
+    // Comments alone are no statement: never sent, and a statement's line is
+    // that of its first word.
+    items = SplitText(L"-- the table\n/* still */\n\\exists t\nselect 1; -- done\n\n-- end\n"
+                      L"-- second\n select 2 /* two */;");
+    EXPECT_EQ((Strings{L"\\exists t", L"select 1", L"select 2 /* two */"}), Texts(items));
+    EXPECT_EQ(8, items[2].line);
     std::wstring name, arguments;
     SplitCommand(L"COLUMNS   fruit ; ", name, arguments);
     EXPECT_EQ((Strings{L"columns", L"fruit"}), (Strings{name, arguments}));
-    SplitCommand(L"quit", name, arguments);
-    EXPECT_EQ((Strings{L"quit", L""}), (Strings{name, arguments}));
 }
 
-TEST(KvnsqlStatements, StatementsThatReturnRowsAndTheirColumnNames) {
-    for (const wchar_t* sql : {L"select 1", L"  SELECT * from t", L"-- note\n/* c */ (select 1)",
-                               L"with x as (select 1) select * from x", L"values (1)",
-                               L"pragma table_info(t)", L"explain select 1", L"show tables"}) {
-        EXPECT_TRUE(ReturnsRows(sql)) << sql;
+// The headers as one text: names, and "t.*" for the columns of table t.
+std::wstring Guess(const wchar_t* sql) {
+    std::wstring out;
+    for (const HeaderItem& h : GuessHeaders(sql)) {
+        out += (out.empty() ? L"" : L"|") + (h.starTable.empty() ? h.name : h.starTable + L".*");
     }
-    for (const wchar_t* sql : {L"insert into t select * from u", L"update t set a = 1", L"selected", L"",
-                               L"-- select"}) {
-        EXPECT_FALSE(ReturnsRows(sql)) << sql;
-    }
+    return out;
+}
 
-    std::wstring table;
-    EXPECT_EQ((Strings{L"id", L"name", L"total", L"n", L"Price Label", L"upper(name)", L"a + b"}),
-              SelectColumnNames(L"SELECT DISTINCT f.id, \"name\", sum(x) AS total, count(*) n, "
-                                L"price \"Price Label\", upper(name), a + b FROM fruit f WHERE a = ','",
-                                table));
-    EXPECT_EQ(L"", table);
-    EXPECT_EQ((Strings{L"1", L"s"}), SelectColumnNames(L"select 1, 'x' as s;", table));
-    EXPECT_EQ((Strings{L"k", L"case when a then 1 else 2 end"}),
-              SelectColumnNames(L"select case when a then 1 else 2 end k, case when a then 1 else 2 end "
-                                L"from t", table));
-    EXPECT_TRUE(SelectColumnNames(L"select * from \"my fruit\" where id > 2", table).empty());
-    EXPECT_EQ(L"my fruit", table);
-    EXPECT_TRUE(SelectColumnNames(L"SELECT * FROM main.fruit;", table).empty());
-    EXPECT_EQ(L"main.fruit", table);
-    // Joins, several tables and t.* are beyond this reading: no names.
-    for (const wchar_t* sql : {L"select * from a join b on a.id = b.id", L"select * from a, b",
-                               L"select t.* from t", L"select id, * from t",
-                               L"with x as (select 1) select * from x", L"select a,, b from t"}) {
-        EXPECT_TRUE(SelectColumnNames(sql, table).empty()) << sql;
-        EXPECT_EQ(L"", table) << sql;
+TEST(KvnsqlStatements, HeadersFromTheStatementText) {
+    EXPECT_EQ(L"id|name|total|n|Price Label|upper(name)|a + b|q",
+              Guess(L"SELECT DISTINCT f.id, \"name\", sum(x) AS total, count(*) n, price \"Price Label\", "
+                    L"upper(name), a + b, $$a,b$$ as q FROM fruit f WHERE a = ','"));
+    EXPECT_EQ(L"1|s", Guess(L"select 1, 'x' as s;"));
+    EXPECT_EQ(L"k|case when a then 1 else 2 end",
+              Guess(L"select case when a then 1 else 2 end k, case when a then 1 else 2 end from t"));
+    // Stars: the tables of the FROM clause, by name or alias, in order.
+    EXPECT_EQ(L"my fruit.*", Guess(L"select * from \"my fruit\" where id > 2"));
+    EXPECT_EQ(L"a.*|b.*", Guess(L"select * from a x left outer join b on x.id = b.id, "));
+    EXPECT_EQ(L"a.*|b.*", Guess(L"select * from a, b as y order by 1"));
+    EXPECT_EQ(L"b.*|id", Guess(L"select y.*, x.id from a x join b y using (id)"));
+    EXPECT_EQ(L"main.fruit.*", Guess(L"-- c\n(SELECT main.fruit.* FROM main.fruit);"));
+    EXPECT_EQ(L"x", Guess(L"with c(n) as (select 1), d as (select 2) select n as x from c, d"));
+    EXPECT_EQ(L"fruit.*", Guess(L"TABLE fruit;"));
+    EXPECT_EQ(L"column1|column2", Guess(L"values (1, 'a,b'), (2, 'c')"));
+    EXPECT_EQ(L"fruit.*", Guess(L"insert into fruit values (1) returning *"));
+    EXPECT_EQ(L"id|shout", Guess(L"update fruit set a = 1 where b = 'returning' returning id, upper(n) shout"));
+    EXPECT_EQ(L"fruit.*", Guess(L"delete from fruit returning fruit.*"));
+    // Not understood: no names at all.
+    for (const wchar_t* sql : {L"select * from (select 1) s", L"select * from generate_series(1, 3)",
+                               L"select z.* from t", L"select a,, b from t", L"update t set a = 1",
+                               L"pragma table_info(t)", L"select *"}) {
+        EXPECT_EQ(L"", Guess(sql)) << sql;
     }
 }
 
-TEST(KvnsqlTable, AlignedColumnsWithNullsNumbersRightAndEscapedControls) {
+TEST(KvnsqlTable, AlignedUnalignedAndCsvOutput) {
     ResultTable t;
     t.headers = {L"id", L"name", L"price"};
     t.rightAligned = {true, false, true};
     t.rows = {{{false, L"1"}, {false, L"p\u00e9ar"}, {false, L"1.5"}},
               {{false, L"10"}, {true, L""}, {false, L"12.25"}},
-              {{false, L"3"}, {false, L"a\tb\nc"}}};
+              {{false, L"3"}, {false, L"a\tb\nc"}},
+              {{false, L"4"}, {false, L"\u68a8\U0001F350"}, {false, L""}}};
+    OutputStyle style;
+    ASSERT_NE(nullptr, std::setlocale(LC_CTYPE, "C.UTF-8"));
+    // Cells padded by display width: the CJK character and the emoji take two each.
     EXPECT_EQ(L" id | name    | price\n"
               L"----+---------+-------\n"
               L"  1 | p\u00e9ar    |   1.5\n"
               L" 10 | NULL    | 12.25\n"
-              L"  3 | a\\tb\\nc |\n",
-              FormatTable(t, L"NULL"));
-    EXPECT_EQ(L"(1 row, 2.5 ms)", RowCountLine(1, 2.46));
-    EXPECT_EQ(L"(0 rows, 0.0 ms)", RowCountLine(0, 0));
+              L"  3 | a\\tb\\nc |\n"
+              L"  4 | \u68a8\U0001F350    |\n",
+              FormatResult(t, style));
+    style.tuplesOnly = true;
+    EXPECT_EQ(L" 1 | p\u00e9ar | 1.5\n", FormatResult(ResultTable{t.headers, t.rightAligned, {t.rows[0]}}, style));
+
+    style.format = OutputFormat::Unaligned;
+    style.tuplesOnly = false;
+    t.rows.resize(3);
+    EXPECT_EQ(L"id|name|price\n1|p\u00e9ar|1.5\n10|NULL|12.25\n3|a\tb\nc|\n", FormatResult(t, style));
+    style.format = OutputFormat::Csv;
+    style.nullText = L"";
+    t.rows = {{{false, L"1"}, {false, L"a,\"b\""}, {true, L""}}, {{false, L"2"}, {false, L""}, {false, L"x\ny"}}};
+    EXPECT_EQ(L"id,name,price\n1,\"a,\"\"b\"\"\",\n2,\"\",\"x\ny\"\n", FormatResult(t, style));
+    style.fieldSeparator = L";";
+    style.tuplesOnly = true;
+    EXPECT_EQ(L"1;\"a,\"\"b\"\"\";\n2;\"\";\"x\ny\"\n", FormatResult(t, style));
+
+    EXPECT_EQ(L"(1 row)", RowCountLine(1));
     // Lists the service separates with ';' (or ',' and blanks).
     EXPECT_EQ((Strings{L"id", L"name", L"price"}), SplitList(L"id;name; price;"));
-    EXPECT_EQ((Strings{L"INTEGER", L"VARCHAR(20)"}), SplitList(L"INTEGER,VARCHAR(20)"));
     EXPECT_EQ((Strings{L"a b", L"c"}), SplitList(L"a b\tc"));
     EXPECT_TRUE(SplitList(L"").empty());
 }

@@ -10,6 +10,7 @@
 #include "Options.h"
 #include "Session.h"
 #include "TableOutput.h"
+#include "Terminal.h"
 #include "Utf8.h"
 
 namespace {
@@ -73,13 +74,22 @@ bool KvnsqlSession::RunCommand(const std::wstring& command) {
         Print(Utf8ToWide(CommandsHelp()));
         return true;
     }
+    if (name == L"r" || name == L"reset") {
+        // The reader has cleared its buffer already.
+        Status(L"buffer cleared");
+        return true;
+    }
+    if (name == L"g") {
+        ReportUsage(L"\\g: the statement has an open quote or comment; \\r clears it");
+        return false;
+    }
     if (name == L"exists") return Exists(arguments);
     if (name == L"columns") return Columns(arguments);
     if (name == L"call") return Call(arguments);
     if (name == L"bind") return Bind(arguments);
     if (name == L"unbind") {
         pendingBinds_.clear();
-        Print(L"no values bound\n");
+        Status(L"no values bound");
         return true;
     }
     if (name == L"requete") return Requete(arguments);
@@ -87,7 +97,99 @@ bool KvnsqlSession::RunCommand(const std::wstring& command) {
         Print(arguments + L"\n");
         return true;
     }
+    if (name == L"timing") return Timing(arguments);
+    if (name == L"pset") return Pset(arguments);
+    if (name == L"a") {
+        const bool aligned = settings_.style.format != OutputFormat::Aligned;
+        return Pset(aligned ? L"format aligned" : L"format unaligned");
+    }
+    if (name == L"t") return Pset(settings_.style.tuplesOnly ? L"tuples_only off" : L"tuples_only on");
+    if (name == L"set") return Set(arguments);
     ReportUsage(L"unknown command \\" + name + L" (\\help lists the commands)");
+    return false;
+}
+
+namespace {
+
+// "on"/"off" (also true/false, 1/0) into value; false for anything else.
+bool ParseSwitch(const std::wstring& text, bool& value) {
+    std::wstring lower;
+    for (wchar_t c : text) lower += static_cast<wchar_t>(std::towlower(c));
+    if (lower == L"on" || lower == L"true" || lower == L"1") value = true;
+    else if (lower == L"off" || lower == L"false" || lower == L"0") value = false;
+    else return false;
+    return true;
+}
+
+const wchar_t* OnOff(bool value) { return value ? L"on" : L"off"; }
+
+}  // namespace
+
+bool KvnsqlSession::Timing(const std::wstring& arguments) {
+    bool on = !settings_.timing;
+    if (!arguments.empty() && !ParseSwitch(arguments, on)) {
+        ReportUsage(L"usage: \\timing [on|off]");
+        return false;
+    }
+    settings_.timing = on;
+    Status(std::wstring(L"timing is ") + OnOff(on));
+    return true;
+}
+
+bool KvnsqlSession::Pset(const std::wstring& arguments) {
+    std::wstring name, value;
+    SplitCommand(arguments, name, value);
+    const std::wstring usage =
+        L"usage: \\pset format aligned|unaligned|csv, \\pset tuples_only on|off, \\pset fieldsep TEXT, "
+        L"\\pset null TEXT, \\pset pager on|off";
+    OutputStyle& style = settings_.style;
+    if (name == L"format") {
+        if (value == L"aligned") style.format = OutputFormat::Aligned;
+        else if (value == L"unaligned") style.format = OutputFormat::Unaligned;
+        else if (value == L"csv") style.format = OutputFormat::Csv;
+        else return ReportUsage(usage), false;
+        Status(L"format is " + value);
+    } else if (name == L"tuples_only") {
+        bool on = !style.tuplesOnly;
+        if (!value.empty() && !ParseSwitch(value, on)) return ReportUsage(usage), false;
+        style.tuplesOnly = on;
+        Status(std::wstring(L"tuples_only is ") + OnOff(on));
+    } else if (name == L"fieldsep") {
+        if (value.empty()) return ReportUsage(usage), false;
+        style.fieldSeparator = value.size() >= 2 && value[0] == L'\'' && value.back() == L'\''
+                                   ? value.substr(1, value.size() - 2)
+                                   : value;
+        Status(L"fieldsep is \"" + style.fieldSeparator + L"\"");
+    } else if (name == L"null") {
+        style.nullText = value.size() >= 2 && value[0] == L'\'' && value.back() == L'\''
+                             ? value.substr(1, value.size() - 2)
+                             : value;
+        Status(L"null is \"" + style.nullText + L"\"");
+    } else if (name == L"pager") {
+        bool on = !settings_.pager;
+        if (!value.empty() && !ParseSwitch(value, on)) return ReportUsage(usage), false;
+        settings_.pager = on;
+        Status(std::wstring(L"pager is ") + OnOff(on));
+    } else {
+        ReportUsage(usage);
+        return false;
+    }
+    return true;
+}
+
+bool KvnsqlSession::Set(const std::wstring& arguments) {
+    std::wstring name, value;
+    SplitCommand(arguments, name, value);
+    bool on = false;
+    if (name == L"on_error_stop" && ParseSwitch(value, on)) {
+        settings_.stopOnError = on;
+        return true;
+    }
+    if (name.empty()) {
+        Print(std::wstring(L"ON_ERROR_STOP = ") + OnOff(settings_.stopOnError) + L"\n");
+        return true;
+    }
+    ReportUsage(L"usage: \\set ON_ERROR_STOP on|off");
     return false;
 }
 
@@ -136,8 +238,7 @@ bool KvnsqlSession::Columns(const std::wstring& arguments) {
     for (std::size_t i = 0; i < names.size(); ++i) {
         table.rows.push_back({Cell{false, names[i]}, Cell{false, i < typeNames.size() ? typeNames[i] : L""}});
     }
-    Print(FormatTable(table, nullText_));
-    Print(L"(" + std::to_wstring(count) + (count == 1 ? L" column)\n" : L" columns)\n"));
+    Show(FormatResult(table, settings_.style));
     return true;
 }
 
@@ -174,7 +275,10 @@ bool KvnsqlSession::Call(const std::wstring& arguments) {
     }
     if (rc != KVN_NO_ERROR) return false;
     const auto start = std::chrono::steady_clock::now();
-    rc = client_.ExecStoredProc(hCnx_, call.name.c_str(), 0);
+    {
+        ServiceWait wait;
+        rc = client_.ExecStoredProc(hCnx_, call.name.c_str(), 0);
+    }
     const double elapsed =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     if (rc != KVN_NO_ERROR) {
@@ -197,22 +301,19 @@ bool KvnsqlSession::Call(const std::wstring& arguments) {
         table.rows.push_back({Cell{false, std::to_wstring(i + 1)}, Cell{false, DirectionName(a.direction)},
                               Cell{false, TypeName(a.value.type)}, Cell{false, ValueText(out)}});
     }
-    wchar_t timing[48];
-    std::swprintf(timing, 48, L" (%.1f ms)\n", elapsed);
-    if (table.rows.empty()) {
-        Print(L"OK, " + call.name + L" called" + timing);
-        return true;
+    if (!table.rows.empty()) {
+        table.rightAligned = {true, false, false, false};
+        Show(FormatResult(table, settings_.style));
     }
-    table.rightAligned = {true, false, false, false};
-    Print(FormatTable(table, nullText_));
-    Print(L"OK, " + call.name + L" called" + timing);
+    Status(L"OK, " + call.name + L" called");
+    ShowTiming(elapsed);
     return true;
 }
 
 bool KvnsqlSession::Bind(const std::wstring& arguments) {
     if (arguments.empty()) {
         if (pendingBinds_.empty()) {
-            Print(L"no values bound\n");
+            Status(L"no values bound");
             return true;
         }
         ResultTable table;
@@ -223,7 +324,7 @@ bool KvnsqlSession::Bind(const std::wstring& arguments) {
                                   Cell{false, v.null ? L"" : TypeName(v.type)}, Cell{v.null, ValueText(v)}});
         }
         table.rightAligned = {true, false, false};
-        Print(FormatTable(table, nullText_));
+        Show(FormatResult(table, settings_.style));
         return true;
     }
     std::vector<TypedValue> values;
@@ -240,8 +341,8 @@ bool KvnsqlSession::Bind(const std::wstring& arguments) {
         }
     }
     pendingBinds_ = values;
-    Print(std::to_wstring(values.size()) + (values.size() == 1 ? L" value" : L" values") +
-          L" bound for the next statement\n");
+    Status(std::to_wstring(values.size()) + (values.size() == 1 ? L" value" : L" values") +
+           L" bound for the next statement");
     return true;
 }
 
@@ -250,11 +351,15 @@ bool KvnsqlSession::Requete(const std::wstring& arguments) {
         ReportUsage(L"usage: \\requete TEXT");
         return false;
     }
-    const int rc = client_.ExecuteRequete(hCnx_, arguments.c_str());
+    int rc = 0;
+    {
+        ServiceWait wait;
+        rc = client_.ExecuteRequete(hCnx_, arguments.c_str());
+    }
     if (rc != KVN_NO_ERROR) {
         ReportError(L"ExecuteRequete", rc);
         return false;
     }
-    Print(L"OK\n");
+    Status(L"OK");
     return true;
 }

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "TableOutput.h"
+
 struct KvnsqlOptions {
     std::string host = "127.0.0.1";
     int port = 5151;
@@ -16,8 +18,19 @@ struct KvnsqlOptions {
     std::vector<std::string> commands;  // -c, run in order, then exit
     std::string file;                // -f: statements from this file ("-": standard input)
     bool echo = false;               // print each statement before its result
-    bool prompt = true;              // prompt on standard error when reading standard input
-    std::string nullText = "NULL";   // how a NULL cell is shown
+    bool prompt = true;              // prompt when standard input is a terminal
+    std::string nullText = "NULL";   // how a NULL cell is shown (CSV: empty unless --null)
+    bool nullGiven = false;
+    bool verbose = false;            // also the library's own sentence when no session opens
+
+    // Output.
+    OutputFormat format = OutputFormat::Aligned;
+    bool tuplesOnly = false;         // rows alone: no header, no footer
+    std::string fieldSeparator;      // empty: '|' unaligned, ',' CSV
+    std::string outputFile;          // empty: standard output
+    bool quiet = false;              // no banner, no "rows affected" lines
+    bool pager = true;               // $PAGER for results longer than the terminal
+    bool stopOnError = false;        // the first failure ends kvnsql (status 3)
 };
 
 enum class OptionsResult { Run, Help, Version, Error };
@@ -34,5 +47,7 @@ std::string KvnsqlHelp(const char* program);
 
 // The backslash commands alone (the text of \help).
 std::string CommandsHelp();
+// Their names, for completion.
+const std::vector<std::string>& CommandNames();
 
 #endif

@@ -1,15 +1,16 @@
-// Running statements: selects as tables, other statements with the number
-// the service returns, bound statements with the values of \bind, and the
-// error texts of every failure.
+// Running statements: every statement through the select path, whose answer
+// says whether it brought a result (shown as a table) or affected rows;
+// bound statements with the values of \bind; the error texts of failures.
 #include "Session.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cwchar>
+#include <map>
 
 #include <korvane/CKorvaneClient.h>
 
-#include "TableOutput.h"
+#include "Terminal.h"
 #include "Utf8.h"
 
 namespace {
@@ -38,26 +39,56 @@ bool IsLocalFailure(int code) {
     }
 }
 
-std::wstring AffectedLine(int resultat) {
-    if (resultat < 0) return L"OK";
-    return L"OK, " + std::to_wstring(resultat) + (resultat == 1 ? L" row affected" : L" rows affected");
+std::wstring AffectedLine(int rows) {
+    if (rows < 0) return L"OK";
+    return L"OK, " + std::to_wstring(rows) + (rows == 1 ? L" row affected" : L" rows affected");
+}
+
+// What korvaned returns beside a select's rows: the result's column count
+// (1 or more), or for a statement without result set -1 - the rows it
+// affected, 0 when the database cannot tell them.
+int RowsAffected(int resultat) { return resultat == 0 ? -1 : -1 - resultat; }
+
+std::wstring Indented(const std::wstring& text) {
+    std::wstring out = L"  ";
+    for (wchar_t c : text) {
+        out += c;
+        if (c == L'\n') out += L"  ";
+    }
+    return out;
+}
+
+std::size_t Lines(const std::wstring& text, std::size_t& widest) {
+    std::size_t lines = 0, start = 0;
+    widest = 0;
+    while (start < text.size()) {
+        std::size_t end = text.find(L'\n', start);
+        if (end == std::wstring::npos) end = text.size();
+        widest = std::max(widest, DisplayWidth(text.substr(start, end - start)));
+        ++lines;
+        start = end + 1;
+    }
+    return lines;
 }
 
 }  // namespace
 
 KvnsqlSession::KvnsqlSession(CKorvaneClient& client, int hCnx, std::FILE* out, std::FILE* err,
-                             const std::wstring& nullText, bool echo)
-    : client_(client), hCnx_(hCnx), out_(out), err_(err), nullText_(nullText), echo_(echo) {}
+                             const SessionSettings& settings)
+    : client_(client), hCnx_(hCnx), out_(out), err_(err), settings_(settings) {}
 
 bool KvnsqlSession::Run(const InputItem& item) {
+    line_ = item.line;
     std::wstring name, arguments;
     if (item.command) SplitCommand(item.text, name, arguments);
     // \echo prints its text already; echoing the command too would say it twice.
-    if (echo_ && name != L"echo") {
+    if (settings_.echo && name != L"echo") {
         Print(item.command ? L"\\" + item.text + L"\n" : item.text + L";\n");
     }
     const bool ok = item.command ? RunCommand(item.text) : RunStatement(item.text);
     std::fflush(out_);
+    // A Ctrl-C has done its work once the item is over.
+    ClearInterrupt();
     return ok;
 }
 
@@ -66,11 +97,40 @@ void KvnsqlSession::Print(const std::wstring& text) {
     std::fwrite(bytes.data(), 1, bytes.size(), out_);
 }
 
-void KvnsqlSession::ReportUsage(const std::wstring& text) {
+void KvnsqlSession::Show(const std::wstring& text) {
+    int rows = 0, columns = 0;
+    std::size_t widest = 0;
+    if (settings_.pager && settings_.outIsTerminal && !settings_.pagerCommand.empty() &&
+        TerminalSize(out_, rows, columns) &&
+        (Lines(text, widest) >= static_cast<std::size_t>(rows) || widest > static_cast<std::size_t>(columns))) {
+        std::fflush(out_);
+        if (ShowInPager(WideToUtf8(text), settings_.pagerCommand)) return;
+    }
+    Print(text);
+}
+
+void KvnsqlSession::Status(const std::wstring& text) {
+    if (!settings_.quiet) Print(text + L"\n");
+}
+
+void KvnsqlSession::Note(const std::wstring& text) {
     std::fflush(out_);
     const std::string bytes = WideToUtf8(text + L"\n");
     std::fwrite(bytes.data(), 1, bytes.size(), err_);
     std::fflush(err_);
+}
+
+void KvnsqlSession::ShowTiming(double milliseconds) {
+    if (!settings_.timing) return;
+    wchar_t text[48];
+    std::swprintf(text, 48, L"Time: %.3f ms", milliseconds);
+    Note(text);
+}
+
+void KvnsqlSession::ReportUsage(const std::wstring& text) {
+    std::wstring where;
+    if (!settings_.source.empty()) where = Utf8ToWide(settings_.source) + L":" + std::to_wstring(line_) + L": ";
+    Note(where + text);
 }
 
 void KvnsqlSession::ReportError(const std::wstring& what, int code) {
@@ -80,8 +140,7 @@ void KvnsqlSession::ReportError(const std::wstring& what, int code) {
     if (!IsLocalFailure(code)) {
         DStr detail;
         if (client_.GetLastErrorConnexion(hCnx_, detail) == KVN_NO_ERROR && !detail.IsEmpty()) {
-            message += L"\n  service: ";
-            message += detail.GetString();
+            message += L"\n" + Indented(detail.GetString());
         }
     }
     ReportUsage(message);
@@ -89,21 +148,120 @@ void KvnsqlSession::ReportError(const std::wstring& what, int code) {
 
 bool KvnsqlSession::RunStatement(const std::wstring& sql) {
     if (!pendingBinds_.empty()) return RunBound(sql);
-    if (ReturnsRows(sql)) return RunSelect(sql);
-    return RunExecute(sql);
-}
+    // Header names that only the catalog knows are asked before the
+    // statement, so that the question does not meet its open result.
+    const std::vector<HeaderItem> guess = GuessHeaders(sql);
+    std::map<std::wstring, std::vector<std::wstring>> tableColumns;
+    for (const HeaderItem& h : guess) {
+        if (h.starTable.empty() || tableColumns.count(h.starTable)) continue;
+        int count = 0;
+        DStr names, types;
+        ServiceWait wait;
+        if (client_.GetColumns(hCnx_, h.starTable.c_str(), count, names, types) == KVN_NO_ERROR) {
+            tableColumns[h.starTable] = SplitList(names.GetString());
+        }
+    }
 
-bool KvnsqlSession::RunExecute(const std::wstring& sql) {
     const auto start = std::chrono::steady_clock::now();
     int resultat = 0;
-    const int rc = client_.Execute(hCnx_, sql.c_str(), resultat);
+    int rc = 0;
+    {
+        ServiceWait wait;
+        // Ctrl-C right after the line was entered: nothing goes out.
+        if (Interrupted()) {
+            Note(L"cancelled before it was sent");
+            return false;
+        }
+        rc = client_.ExecuteSelect(hCnx_, sql.c_str(), resultat);
+    }
     if (rc != KVN_NO_ERROR) {
-        ReportError(L"Execute", rc);
+        ReportError(L"ExecuteSelect", rc);
         return false;
     }
-    wchar_t timing[32];
-    std::swprintf(timing, 32, L" (%.1f ms)\n", MillisecondsSince(start));
-    Print(AffectedLine(resultat) + timing);
+    if (resultat <= 0) {
+        // Done by the service, cancelled or not: say what it did.
+        Status(AffectedLine(RowsAffected(resultat)));
+        ShowTiming(MillisecondsSince(start));
+        return true;
+    }
+    if (Interrupted()) {
+        client_.LibereStatment(hCnx_);
+        Note(L"cancelled: the statement ran, its rows are not shown");
+        return false;
+    }
+
+    ResultTable table;
+    std::vector<std::wstring> names;
+    for (const HeaderItem& h : guess) {
+        if (h.starTable.empty()) {
+            names.push_back(h.name);
+            continue;
+        }
+        const auto found = tableColumns.find(h.starTable);
+        if (found == tableColumns.end()) {
+            names.clear();
+            break;
+        }
+        names.insert(names.end(), found->second.begin(), found->second.end());
+    }
+    if (names.size() != static_cast<std::size_t>(resultat)) {
+        names.clear();
+        for (int c = 1; c <= resultat; ++c) names.push_back(L"#" + std::to_wstring(c));
+    }
+    table.headers = names;
+    const bool ok = FetchRows(resultat, table);
+    const double elapsed = MillisecondsSince(start);
+    const int release = client_.LibereStatment(hCnx_);
+    if (!ok) return false;
+    if (release != KVN_NO_ERROR) ReportError(L"LibereStatment", release);
+
+    Show(FormatResult(table, settings_.style));
+    if (!settings_.style.tuplesOnly && settings_.style.format != OutputFormat::Csv) {
+        Note(RowCountLine(table.rows.size()));
+    }
+    ShowTiming(elapsed);
+    return true;
+}
+
+bool KvnsqlSession::FetchRows(int columns, ResultTable& table) {
+    // Per column: the type met, 0 for none yet, -1 for mixed.
+    std::vector<int> types(static_cast<std::size_t>(columns), 0);
+    ServiceWait fetching(true);
+    for (;;) {
+        if (Interrupted()) {
+            const std::size_t n = table.rows.size();
+            Note(L"cancelled after " + std::to_wstring(n) + (n == 1 ? L" row" : L" rows") +
+                 L", the rest left unread");
+            return false;
+        }
+        int rc = client_.Fetch(hCnx_);
+        if (rc == KVN_NO_DATA) break;
+        if (rc != KVN_NO_ERROR) {
+            ReportError(L"Fetch", rc);
+            return false;
+        }
+        std::vector<Cell> row;
+        for (int col = 1; col <= kMaxColumns; ++col) {
+            CParam value;
+            rc = client_.GetData(hCnx_, col, value);
+            if (rc == KVN_NO_DATA) break;
+            if (rc != KVN_NO_ERROR) {
+                ReportError(L"GetData column " + std::to_wstring(col), rc);
+                return false;
+            }
+            Cell cell;
+            cell.null = value.bNull != 0;
+            if (!cell.null) cell.text = CellText(value);
+            if (types.size() < static_cast<std::size_t>(col)) types.resize(col, 0);
+            if (!cell.null) {
+                int& t = types[col - 1];
+                t = t == 0 || t == value.cType ? value.cType : -1;
+            }
+            row.push_back(std::move(cell));
+        }
+        table.rows.push_back(std::move(row));
+    }
+    for (int type : types) table.rightAligned.push_back(IsNumericType(type));
     return true;
 }
 
@@ -112,7 +270,9 @@ bool KvnsqlSession::RunBound(const std::wstring& sql) {
     // connection, so they are bound right before the statement, every time.
     std::vector<TypedValue> values;
     values.swap(pendingBinds_);
-    if (ReturnsRows(sql)) ReportUsage(L"note: a bound statement shows no rows");
+    if (ReturnsRows(sql)) {
+        Note(L"note: a bound statement shows no rows (the service answers it with a count only)");
+    }
     const auto start = std::chrono::steady_clock::now();
     for (std::size_t i = 0; i < values.size(); ++i) {
         TypedValue& v = values[i];
@@ -133,92 +293,17 @@ bool KvnsqlSession::RunBound(const std::wstring& sql) {
         }
     }
     int resultat = 0;
-    const int rc = client_.ExecuteBind(hCnx_, sql.c_str(), resultat);
+    int rc = 0;
+    {
+        ServiceWait wait;
+        rc = client_.ExecuteBind(hCnx_, sql.c_str(), resultat);
+    }
     if (rc != KVN_NO_ERROR) {
         ReportError(L"ExecuteBind", rc);
         return false;
     }
-    wchar_t timing[64];
-    std::swprintf(timing, 64, L" (%zu bound, %.1f ms)\n", values.size(), MillisecondsSince(start));
-    Print(AffectedLine(resultat) + timing);
+    Status(AffectedLine(resultat) + L" (" + std::to_wstring(values.size()) +
+           (values.size() == 1 ? L" value bound)" : L" values bound)"));
+    ShowTiming(MillisecondsSince(start));
     return true;
-}
-
-std::vector<std::wstring> KvnsqlSession::HeadersFor(const std::wstring& sql) {
-    std::wstring table;
-    std::vector<std::wstring> names = SelectColumnNames(sql, table);
-    if (!table.empty()) {
-        // "SELECT * FROM t": the table's own column names, asked before the
-        // select so that the question does not meet an open statement.
-        int count = 0;
-        DStr noms, types;
-        if (client_.GetColumns(hCnx_, table.c_str(), count, noms, types) == KVN_NO_ERROR) {
-            names = SplitList(noms.GetString());
-        }
-    }
-    return names;
-}
-
-bool KvnsqlSession::RunSelect(const std::wstring& sql) {
-    std::vector<std::wstring> names = HeadersFor(sql);
-    const auto start = std::chrono::steady_clock::now();
-    int resultat = 0;
-    int rc = client_.ExecuteSelect(hCnx_, sql.c_str(), resultat);
-    if (rc != KVN_NO_ERROR) {
-        ReportError(L"ExecuteSelect", rc);
-        return false;
-    }
-    ResultTable table;
-    std::vector<int> types;  // per column: the type met, 0 for none yet, -1 for mixed
-    bool ok = true;
-    for (;;) {
-        rc = client_.Fetch(hCnx_);
-        if (rc == KVN_NO_DATA) break;
-        if (rc != KVN_NO_ERROR) {
-            ReportError(L"Fetch", rc);
-            ok = false;
-            break;
-        }
-        std::vector<Cell> row;
-        for (int col = 1; col <= kMaxColumns; ++col) {
-            CParam value;
-            rc = client_.GetData(hCnx_, col, value);
-            if (rc == KVN_NO_DATA) break;
-            if (rc != KVN_NO_ERROR) {
-                ReportError(L"GetData column " + std::to_wstring(col), rc);
-                ok = false;
-                break;
-            }
-            Cell cell;
-            cell.null = value.bNull != 0;
-            if (!cell.null) cell.text = CellText(value);
-            if (types.size() < static_cast<std::size_t>(col)) types.resize(col, 0);
-            if (!cell.null) {
-                int& t = types[col - 1];
-                t = t == 0 || t == value.cType ? value.cType : -1;
-            }
-            row.push_back(std::move(cell));
-        }
-        if (!ok) break;
-        table.rows.push_back(std::move(row));
-    }
-    const double elapsed = MillisecondsSince(start);
-    const int release = client_.LibereStatment(hCnx_);
-    if (release != KVN_NO_ERROR && ok) ReportError(L"LibereStatment", release);
-
-    std::size_t columns = types.size();
-    if (columns == 0) columns = names.size();
-    if (names.size() != columns) {
-        names.clear();
-        for (std::size_t c = 1; c <= columns; ++c) names.push_back(L"#" + std::to_wstring(c));
-    }
-    if (columns > 0) {
-        table.headers = names;
-        for (std::size_t c = 0; c < columns; ++c) {
-            table.rightAligned.push_back(c < types.size() && IsNumericType(types[c]));
-        }
-        Print(FormatTable(table, nullText_));
-    }
-    Print(RowCountLine(table.rows.size(), elapsed) + L"\n");
-    return ok;
 }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cwchar>
 #include <cwctype>
+#include <wchar.h>  // wcwidth
 
 namespace {
 
@@ -70,17 +71,36 @@ std::wstring CellText(const CParam& value) {
     }
 }
 
-std::wstring FormatTable(const ResultTable& table, const std::wstring& nullText) {
+std::size_t DisplayWidth(const std::wstring& text) {
+    std::size_t width = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        wchar_t c = text[i];
+        if (sizeof(wchar_t) == 2 && c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size()) {
+            ++i;
+            width += 2;  // beyond the basic plane: emoji and CJK extensions, two cells
+            continue;
+        }
+        const int w = wcwidth(c);
+        width += w < 0 ? 1 : static_cast<std::size_t>(w);
+    }
+    return width;
+}
+
+namespace {
+
+std::wstring Aligned(const ResultTable& table, const OutputStyle& style) {
     const std::size_t columns = table.headers.size();
     std::vector<std::vector<std::wstring>> texts;
     texts.reserve(table.rows.size());
     std::vector<std::size_t> widths(columns);
-    for (std::size_t c = 0; c < columns; ++c) widths[c] = table.headers[c].size();
+    if (!style.tuplesOnly) {
+        for (std::size_t c = 0; c < columns; ++c) widths[c] = DisplayWidth(table.headers[c]);
+    }
     for (const std::vector<Cell>& row : table.rows) {
         std::vector<std::wstring> line(columns);
         for (std::size_t c = 0; c < columns && c < row.size(); ++c) {
-            line[c] = row[c].null ? nullText : Escaped(row[c].text);
-            widths[c] = std::max(widths[c], line[c].size());
+            line[c] = row[c].null ? style.nullText : Escaped(row[c].text);
+            widths[c] = std::max(widths[c], DisplayWidth(line[c]));
         }
         texts.push_back(std::move(line));
     }
@@ -88,7 +108,7 @@ std::wstring FormatTable(const ResultTable& table, const std::wstring& nullText)
     auto appendLine = [&](const std::vector<std::wstring>& cells, bool header) {
         std::wstring line;
         for (std::size_t c = 0; c < columns; ++c) {
-            const std::wstring pad(widths[c] - cells[c].size(), L' ');
+            const std::wstring pad(widths[c] - DisplayWidth(cells[c]), L' ');
             line += c == 0 ? L" " : L" | ";
             if (right(c) && !header) line += pad + cells[c];
             else line += cells[c] + (c + 1 < columns ? pad : L"");
@@ -97,19 +117,63 @@ std::wstring FormatTable(const ResultTable& table, const std::wstring& nullText)
         while (!line.empty() && line.back() == L' ') line.pop_back();
         return line + L"\n";
     };
-    std::wstring out = appendLine(table.headers, true);
-    for (std::size_t c = 0; c < columns; ++c) {
-        out += (c == 0 ? L"" : L"+") + std::wstring(widths[c] + 2, L'-');
+    std::wstring out;
+    if (!style.tuplesOnly) {
+        out = appendLine(table.headers, true);
+        for (std::size_t c = 0; c < columns; ++c) {
+            out += (c == 0 ? L"" : L"+") + std::wstring(widths[c] + 2, L'-');
+        }
+        out += L"\n";
     }
-    out += L"\n";
     for (const std::vector<std::wstring>& line : texts) out += appendLine(line, false);
     return out;
 }
 
-std::wstring RowCountLine(std::size_t rows, double milliseconds) {
-    wchar_t buffer[96];
-    std::swprintf(buffer, 96, L"(%zu row%ls, %.1f ms)", rows, rows == 1 ? L"" : L"s", milliseconds);
-    return buffer;
+std::wstring CsvField(const std::wstring& text, const std::wstring& separator) {
+    if (text.find_first_of(L"\"\r\n") == std::wstring::npos && text.find(separator) == std::wstring::npos &&
+        !text.empty()) {
+        return text;
+    }
+    std::wstring quoted = L"\"";
+    for (wchar_t c : text) {
+        if (c == L'"') quoted += L'"';
+        quoted += c;
+    }
+    return quoted + L"\"";
+}
+
+std::wstring Separated(const ResultTable& table, const OutputStyle& style) {
+    const bool csv = style.format == OutputFormat::Csv;
+    const std::wstring separator = !style.fieldSeparator.empty() ? style.fieldSeparator : csv ? L"," : L"|";
+    const std::size_t columns = table.headers.size();
+    std::wstring out;
+    auto appendLine = [&](const std::vector<Cell>& cells) {
+        for (std::size_t c = 0; c < columns; ++c) {
+            if (c > 0) out += separator;
+            if (c >= cells.size()) continue;
+            const Cell& cell = cells[c];
+            if (cell.null) out += style.nullText;
+            else out += csv ? CsvField(cell.text, separator) : cell.text;
+        }
+        out += L"\n";
+    };
+    if (!style.tuplesOnly) {
+        std::vector<Cell> header;
+        for (const std::wstring& name : table.headers) header.push_back({false, name});
+        appendLine(header);
+    }
+    for (const std::vector<Cell>& row : table.rows) appendLine(row);
+    return out;
+}
+
+}  // namespace
+
+std::wstring FormatResult(const ResultTable& table, const OutputStyle& style) {
+    return style.format == OutputFormat::Aligned ? Aligned(table, style) : Separated(table, style);
+}
+
+std::wstring RowCountLine(std::size_t rows) {
+    return L"(" + std::to_wstring(rows) + (rows == 1 ? L" row)" : L" rows)");
 }
 
 std::vector<std::wstring> SplitList(const std::wstring& text) {

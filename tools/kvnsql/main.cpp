@@ -2,8 +2,7 @@
 // one logical connection, then runs the statements of -c, of a file or of
 // standard input.
 #include <cstdio>
-#include <fstream>
-#include <iostream>
+#include <cstdlib>
 #include <string>
 
 #include <korvane/CKorvaneClient.h>
@@ -12,127 +11,192 @@
 #include "Options.h"
 #include "Session.h"
 #include "Statements.h"
+#include "Terminal.h"
 #include "Utf8.h"
 
 namespace {
+
+// Exit statuses.
+const int kOk = 0;
+const int kFailed = 1;
+const int kNoSession = 2;
+const int kStopped = 3;
 
 void PrintError(const std::string& text) {
     std::fflush(stdout);
     std::fprintf(stderr, "kvnsql: %s\n", text.c_str());
 }
 
-// Reads lines from in until the end or \quit; false when a statement failed.
-bool RunLines(KvnsqlSession& session, std::istream& in, bool prompt) {
+std::string ErrorText(CKorvaneClient& client, int code) {
+    DStr text;
+    client.GetErrorTxt(code, text);
+    return WideToUtf8(text.GetString());
+}
+
+// Runs one item; kStopped when it failed and the input is to stop there.
+int RunItem(KvnsqlSession& session, const InputItem& item, bool interactive, bool& ok) {
+    if (session.Run(item)) return kOk;
+    ok = false;
+    return session.StopOnError() && !interactive ? kStopped : kOk;
+}
+
+// Reads lines until the end or \quit.
+int RunLines(KvnsqlSession& session, LineReader& reader, bool interactive) {
     StatementSplitter splitter;
     bool ok = true;
     std::string line;
     for (;;) {
-        if (prompt) {
-            std::fputs(splitter.Pending() ? "     -> " : "kvnsql> ", stderr);
-            std::fflush(stderr);
+        ClearInterrupt();
+        const LineReader::Result read = reader.Read(splitter.Pending() ? "     -> " : "kvnsql> ", line);
+        if (read == LineReader::Result::Interrupted) {
+            splitter.Clear();
+            continue;
         }
-        if (!std::getline(in, line)) break;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (read == LineReader::Result::End) break;
         for (const InputItem& item : splitter.AddLine(Utf8ToWide(line))) {
-            ok = session.Run(item) && ok;
-            if (session.QuitRequested()) return ok;
+            if (RunItem(session, item, interactive, ok) == kStopped) return kStopped;
+            if (session.QuitRequested()) return ok ? kOk : kFailed;
         }
     }
-    if (prompt) std::fputs("\n", stderr);
-    for (const InputItem& item : splitter.Finish()) {
-        ok = session.Run(item) && ok;
-        if (session.QuitRequested()) break;
+    if (interactive) {
+        std::fputs("\n", stderr);  // after the Ctrl-D, whatever was typed is dropped
+    } else {
+        for (const InputItem& item : splitter.Finish()) {
+            if (RunItem(session, item, interactive, ok) == kStopped) return kStopped;
+            if (session.QuitRequested()) break;
+        }
     }
-    return ok;
+    return ok ? kOk : kFailed;
 }
 
-bool RunCommands(KvnsqlSession& session, const std::vector<std::string>& commands) {
+int RunCommands(KvnsqlSession& session, const std::vector<std::string>& commands) {
     bool ok = true;
     for (const std::string& text : commands) {
         for (const InputItem& item : SplitText(Utf8ToWide(text))) {
-            ok = session.Run(item) && ok;
-            if (session.QuitRequested()) return ok;
+            if (RunItem(session, item, false, ok) == kStopped) return kStopped;
+            if (session.QuitRequested()) return ok ? kOk : kFailed;
         }
     }
-    return ok;
+    return ok ? kOk : kFailed;
+}
+
+SessionSettings SettingsOf(const KvnsqlOptions& options, std::FILE* out) {
+    SessionSettings s;
+    s.style.format = options.format;
+    s.style.tuplesOnly = options.tuplesOnly;
+    s.style.fieldSeparator = Utf8ToWide(options.fieldSeparator);
+    s.style.nullText = options.format == OutputFormat::Csv && !options.nullGiven ? std::wstring()
+                                                                                 : Utf8ToWide(options.nullText);
+    s.echo = options.echo;
+    s.quiet = options.quiet;
+    s.stopOnError = options.stopOnError;
+    s.pager = options.pager;
+    s.outIsTerminal = IsTerminal(out);
+    const char* pager = std::getenv("PAGER");
+    s.pagerCommand = pager ? pager : "less -SFX";
+    if (!options.file.empty() && options.file != "-") s.source = options.file;
+    return s;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    UseUtf8Locale();
     KvnsqlOptions options;
     std::string error;
     switch (ParseKvnsqlOptions(argc, argv, options, error)) {
     case OptionsResult::Help:
         std::fputs(KvnsqlHelp(argc > 0 ? argv[0] : nullptr).c_str(), stdout);
-        return 0;
+        return kOk;
     case OptionsResult::Version:
         std::fputs(KvnsqlVersion().c_str(), stdout);
-        return 0;
+        return kOk;
     case OptionsResult::Error:
         PrintError(error);
-        return 2;
+        return kNoSession;
     case OptionsResult::Run:
         break;
     }
 
-    std::ifstream file;
+    std::FILE* in = stdin;
     if (!options.file.empty() && options.file != "-") {
-        file.open(options.file);
-        if (!file) {
+        in = std::fopen(options.file.c_str(), "r");
+        if (!in) {
             PrintError("cannot read " + options.file);
-            return 2;
+            return kNoSession;
         }
     }
+    std::FILE* out = stdout;
+    if (!options.outputFile.empty()) {
+        out = std::fopen(options.outputFile.c_str(), "w");
+        if (!out) {
+            PrintError("cannot write " + options.outputFile);
+            return kNoSession;
+        }
+    }
+    const bool interactive = options.commands.empty() && options.file.empty() && IsTerminal(stdin);
+    InstallInterruptHandler(interactive);
 
     if (!SockInitWinSock()) {
         PrintError("the socket layer did not start");
-        return 2;
+        return kNoSession;
     }
-    int status = 0;
+    int status = kOk;
     {
         CKorvaneClient client;
         const std::wstring host = Utf8ToWide(options.host);
         const std::wstring application = Utf8ToWide(options.application);
         const std::wstring logFile = Utf8ToWide(options.logFile);
+        const std::string where = options.host + ":" + std::to_string(options.port);
         int dbType = 0;
-        if (client.Init(host.c_str(), options.port, options.loaderPort, application.c_str(), dbType,
-                        options.logLevel, options.logFile.empty() ? nullptr : logFile.c_str(),
-                        nullptr) != KVN_NO_ERROR) {
-            PrintError("no session with the service at " + options.host + ":" +
-                       std::to_string(options.port) + ": " + WideToUtf8(client.GetLastError().GetString()));
-            status = 2;
+        int hCnx = 0;
+        int rc = 0;
+        {
+            // The library's threads, started here, leave Ctrl-C to this one.
+            InterruptsBlocked blocked;
+            rc = client.Init(host.c_str(), options.port, options.loaderPort, application.c_str(), dbType,
+                             options.logLevel, options.logFile.empty() ? nullptr : logFile.c_str(), nullptr);
+            if (rc == KVN_NO_ERROR) hCnx = client.GetConnexion();
+        }
+        // The library says why in French only: the English text of its code
+        // (a service not found is the usual reason), the sentence on request.
+        const std::string sentence = WideToUtf8(client.GetLastError().GetString());
+        const std::string detail = options.verbose && !sentence.empty() ? "\n  " + sentence : std::string();
+        if (rc != KVN_NO_ERROR) {
+            const bool notFound = sentence.compare(0, 29, "Impossible de trouver Korvane") == 0;
+            PrintError("no session with the service at " + where + ": " +
+                       (notFound ? ErrorText(client, KVN_ERROR_SERVER_NOT_FOUND)
+                                 : "the service did not accept the session (" + ErrorText(client, rc) + ")") +
+                       detail);
+            status = kNoSession;
+        } else if (hCnx < 0) {
+            PrintError("no connection from the service at " + where + ": " + ErrorText(client, hCnx) + " (" +
+                       std::to_string(hCnx) + ")" + detail);
+            status = kNoSession;
         } else {
-            const int hCnx = client.GetConnexion();
-            if (hCnx < 0) {
-                DStr text;
-                client.GetErrorTxt(hCnx, text);
-                PrintError("no connection from the service: " + std::to_string(hCnx) + " " +
-                           WideToUtf8(text.GetString()) + " (" +
-                           WideToUtf8(client.GetLastError().GetString()) + ")");
-                status = 2;
+            KvnsqlSession session(client, hCnx, out, stderr, SettingsOf(options, out));
+            if (!options.commands.empty()) {
+                status = RunCommands(session, options.commands);
+            } else if (!interactive) {
+                status = RunLines(session, *MakeFileReader(in), false);
             } else {
-                KvnsqlSession session(client, hCnx, stdout, stderr, Utf8ToWide(options.nullText),
-                                      options.echo);
-                bool ok = true;
-                if (!options.commands.empty()) {
-                    ok = RunCommands(session, options.commands);
-                } else if (file.is_open()) {
-                    ok = RunLines(session, file, false);
-                } else {
-                    const bool prompt = options.prompt && options.file.empty();
-                    if (prompt) {
-                        std::fprintf(stderr, "Connected to %s:%d (database type %d). \\help for help.\n",
-                                     options.host.c_str(), options.port, dbType);
-                    }
-                    ok = RunLines(session, std::cin, prompt);
+                if (!options.quiet) {
+                    std::fprintf(stderr, "Connected to %s (database type %d). \\help for help.\n", where.c_str(),
+                                 dbType);
                 }
-                status = ok ? 0 : 1;
-                client.FreeConnexion(hCnx);
+                const std::unique_ptr<LineReader> reader =
+                    options.prompt ? MakeTerminalReader(HistoryFile(), CommandNames()) : MakeFileReader(in);
+                status = RunLines(session, *reader, true);
             }
+            client.FreeConnexion(hCnx);
         }
         client.Free();
     }
     SockCloseWinSock();
+    if (out != stdout && std::fclose(out) != 0) {
+        PrintError("cannot write " + options.outputFile);
+        if (status == kOk) status = kFailed;
+    }
+    if (in != stdin) std::fclose(in);
     return status;
 }
