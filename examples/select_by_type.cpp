@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
                 long id = 0;
                 DStr name;
                 double price = 0;
-                SYSTEMTIME added{};
+                kvn::SYSTEMTIME added{};
                 client.GetData(hCnx, 1, id);
                 client.GetData(hCnx, 2, name);
                 const int priceCode = client.GetData(hCnx, 3, price);

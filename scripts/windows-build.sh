@@ -78,13 +78,25 @@ done <<<"$imports"
 echo "   exports $(wc -l <<<"$exports") names; imports:" $imports
 
 # An application's view: a program built against the public headers and the
-# import library, using the plain functions and exported classes.
+# import library, using the plain functions and exported classes. Its two
+# files include the public headers before and after <windows.h> and the ODBC
+# headers.
 linkcheck=$win32/linkcheck
 mkdir -p "$linkcheck"
+cat >"$linkcheck/before.cpp" <<'EOF'
+#include <korvane/KorvaneClient.h>
+#include <windows.h>
+#include <sql.h>
+#include <sqlext.h>
+
+int TypeCodes() { return SQL_C_WCHAR + SQL_C_SBIGINT; }
+EOF
 cat >"$linkcheck/main.cpp" <<'EOF'
-#include <korvane/SockInit.h>
-#include <korvane/platform/CMutex.h>
-#include <korvane/platform/DStr.h>
+#include <windows.h>
+#include <sqlext.h>
+#include <korvane/KorvaneClient.h>
+
+int TypeCodes();
 
 int main() {
     if (!SockInitWinSock()) return 1;
@@ -94,12 +106,13 @@ int main() {
     text += L" check";
     text.Printf(L"%ls %d", L"link check", text.Length());
     mutex.Unlock();
+    if (TypeCodes() != SQL_C_WCHAR + SQL_C_SBIGINT) return 4;
     return SockCloseWinSock() ? 0 : 3;
 }
 EOF
 i686-w64-mingw32-g++-posix -std=c++17 -Wall -Wextra -Werror -DUNICODE -D_UNICODE \
   -I"$root/include" -I"$root/src/platform/public" \
-  "$linkcheck/main.cpp" "$implib" -static-libgcc -static-libstdc++ \
+  "$linkcheck/main.cpp" "$linkcheck/before.cpp" "$implib" -static-libgcc -static-libstdc++ \
   -o "$linkcheck/linkcheck.exe" || fail "a program does not link against $implib"
 echo "   link check: OK"
 

@@ -71,7 +71,7 @@ public:
     /// earlier session of the object first. The socket layer must be started
     /// (SockInitWinSock). Starts the main link's and the heartbeat's threads.
     int Init(const wchar_t* host, int port, int portServiceLoader, const wchar_t* nomApplication,
-             int& dbType, int logLevel, const wchar_t* logPath, HWND hWnd);
+             int& dbType, int logLevel, const wchar_t* logPath, kvn::HWND hWnd);
     /// Closes the session: tells the service, deletes every connection and
     /// stops the object's threads (each wait bounded). Never on a thread of
     /// the library; not at the same time as another call on the object.
@@ -83,19 +83,19 @@ public:
     /// nothing when buffer is null.
     void GetAdresseHost(wchar_t* buffer);
     /// Whether the main link to the service is up now.
-    BOOL IsAppliConnected();
+    kvn::Bool IsAppliConnected();
     /// The database type the service announced at Init (unspecified before).
     int GetDBType();
 
     /// Events of the link to the service; all auto-reset. They belong to the
     /// object: wait on them, never close them.
-    HANDLE GetEventPerteComm();
-    HANDLE GetEventCommOK();
-    HANDLE GetEventCommModified();
-    HANDLE GetEventHB();
-    HANDLE GetEventWarningFermetureForcee();
-    HANDLE GetEventFermetureForcee();
-    HANDLE GetEventKorvaneClosed();
+    kvn::HANDLE GetEventPerteComm();
+    kvn::HANDLE GetEventCommOK();
+    kvn::HANDLE GetEventCommModified();
+    kvn::HANDLE GetEventHB();
+    kvn::HANDLE GetEventWarningFermetureForcee();
+    kvn::HANDLE GetEventFermetureForcee();
+    kvn::HANDLE GetEventKorvaneClosed();
 
     // ---- Result codes and error texts ---------------------------------------
     /// The English text of a result code; always KVN_NO_ERROR. The wchar_t*
@@ -114,7 +114,7 @@ public:
     /// 0 when the connection was found and deleted, -2 otherwise.
     int FreeConnexion(int hCnx);
     /// Whether the connection's own link to the service is up now.
-    BOOL IsConnexionConnected(int hCnx);
+    kvn::Bool IsConnexionConnected(int hCnx);
 
     // ---- Statements ----------------------------------------------------------
     /// resultat receives the integer the service returns beside its status.
@@ -148,10 +148,10 @@ public:
     /// KVN_ERROR_DATATYPE (not convertible), or a result code.
     int GetData(int hCnx, int col, long& valeur);
     int GetData(int hCnx, int col, short& valeur);
-    int GetData(int hCnx, int col, __int64& valeur);
+    int GetData(int hCnx, int col, long long& valeur);  // 64-bit integer (__int64)
     int GetData(int hCnx, int col, double& valeur);
-    int GetData(int hCnx, int col, GUID& valeur);
-    int GetData(int hCnx, int col, SYSTEMTIME& valeur);
+    int GetData(int hCnx, int col, kvn::GUID& valeur);
+    int GetData(int hCnx, int col, kvn::SYSTEMTIME& valeur);
     int GetData(int hCnx, int col, CParam& valeur);
     int GetData(int hCnx, int col, CString& valeur);
     int GetData(int hCnx, int col, DStr& valeur);
@@ -240,45 +240,45 @@ protected:
     // Fields that background threads and the application's threads share are
     // atomic; the others are written only while no thread of the object runs.
     DStr m_lastError;
-    HWND m_hWnd;
-    std::atomic<DWORD> m_dwLastHeartBeat;
+    kvn::HWND m_hWnd;
+    std::atomic<kvn::DWORD> m_dwLastHeartBeat;
     CPtrArray m_listConnexion;
     CMutex m_mutexConnected;
     CMutex m_mutexAccesList;
     CMutex m_mutexGetConnexion;
     CMutex m_mutexReInit;
-    HANDLE m_hEvtPerteComm;
-    HANDLE m_hEvtCommOK;
-    HANDLE m_hEvtCommModified;
-    HANDLE m_hEvtWarningFermetureForcee;
-    HANDLE m_hEvtFermetureForcee;
-    HANDLE m_hEvtKorvaneClosed;
-    HANDLE m_hEvtHB;
-    HANDLE m_hEvtPerteCommInterne;
+    kvn::HANDLE m_hEvtPerteComm;
+    kvn::HANDLE m_hEvtCommOK;
+    kvn::HANDLE m_hEvtCommModified;
+    kvn::HANDLE m_hEvtWarningFermetureForcee;
+    kvn::HANDLE m_hEvtFermetureForcee;
+    kvn::HANDLE m_hEvtKorvaneClosed;
+    kvn::HANDLE m_hEvtHB;
+    kvn::HANDLE m_hEvtPerteCommInterne;
     // Manual reset, one of the two set: "up" while the main link is open and
     // the application registered, "down" otherwise. The threads that depend
     // on the main link sleep on the one that ends their wait.
-    HANDLE m_hEvtLienPrincipalUp;
-    HANDLE m_hEvtLienPrincipalDown;
+    kvn::HANDLE m_hEvtLienPrincipalUp;
+    kvn::HANDLE m_hEvtLienPrincipalDown;
     wchar_t m_szAdresseHost[20];
     int m_nPortHost;
     int m_nPortServiceLoader;
-    std::atomic<SOCKET> m_sockPrincipale;
-    std::atomic<BOOL> m_bSockPrincipaleConnected;
-    std::atomic<BOOL> m_bAppliInitialisee;
-    HANDLE m_hWsaEvtPrincipale;
-    HANDLE m_hEvtStopThreads;
-    HANDLE m_hEvtStopSockPrincipale;
-    HANDLE m_hEvtThreadCnxStarted;
+    std::atomic<kvn::SOCKET> m_sockPrincipale;
+    std::atomic<kvn::Bool> m_bSockPrincipaleConnected;
+    std::atomic<kvn::Bool> m_bAppliInitialisee;
+    kvn::HANDLE m_hWsaEvtPrincipale;
+    kvn::HANDLE m_hEvtStopThreads;
+    kvn::HANDLE m_hEvtStopSockPrincipale;
+    kvn::HANDLE m_hEvtThreadCnxStarted;
     CParamComm m_paramComm;
     std::atomic<int> m_nIdApplication;
-    std::atomic<BOOL> m_bInit;
+    std::atomic<kvn::Bool> m_bInit;
     wchar_t m_szNomApplication[128];
-    HANDLE m_hThreadSockPrincipale;
-    std::atomic<HANDLE> m_hThreadHeartBeat;
+    kvn::HANDLE m_hThreadSockPrincipale;
+    std::atomic<kvn::HANDLE> m_hThreadHeartBeat;
     std::atomic<int> m_nNbConnected;
     int m_nNextIdConnexion;
-    std::atomic<BOOL> m_bAllConnected;
+    std::atomic<kvn::Bool> m_bAllConnected;
     std::atomic<int> m_nDBType;
 
     friend unsigned ThreadSockPrincipale(void* arg);

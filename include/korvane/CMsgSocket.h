@@ -67,17 +67,17 @@ public:
     // The caller guarantees entete.nTailleData bytes at data; within them,
     // records that do not fit or cannot be read are dropped or end the
     // decoding, never read beyond the body.
-    int AnalyseMessage(CEnteteMsgSocket& entete, BYTE* data);
+    int AnalyseMessage(CEnteteMsgSocket& entete, kvn::BYTE* data);
     // The first 16 bytes of message are the header, the body follows; the
     // caller guarantees 16 + nTailleData bytes at message.
-    int AnalyseMessageComplet(BYTE* message);
+    int AnalyseMessageComplet(kvn::BYTE* message);
     void ClearMessage();
 
     // The encoded message and its length, or null and 0 when not encoded.
     // Exported under its wide spelling, as the Windows headers rename it.
-    BYTE* GetMessageW(int* pLen);
+    kvn::BYTE* GetMessageW(int* pLen);
 #ifndef GetMessage
-    BYTE* GetMessage(int* pLen) { return GetMessageW(pLen); }
+    kvn::BYTE* GetMessage(int* pLen) { return GetMessageW(pLen); }
 #endif
 
     // ---- Accessors ------------------------------------------------------------
@@ -99,17 +99,17 @@ public:
     // acknowledgement: 1 acknowledged, 0 nothing to send, -53 failed.
     // timeOutAck < 0 selects the message's own wait. Exported under its wide
     // spelling, as the Windows headers rename it.
-    int SendMessageW(SOCKET sock, int unicode, int timeOutAck);
+    int SendMessageW(kvn::SOCKET sock, int unicode, int timeOutAck);
 #ifndef SendMessage
-    int SendMessage(SOCKET sock, int unicode, int timeOutAck) {
+    int SendMessage(kvn::SOCKET sock, int unicode, int timeOutAck) {
         return SendMessageW(sock, unicode, timeOutAck);
     }
 #endif
     // The function code of the 16-byte header received, or -2 when none came.
-    int AttenteAck(SOCKET sock, int timeOut);
+    int AttenteAck(kvn::SOCKET sock, int timeOut);
     // Receives, checks, decodes and acknowledges one message: 0 refused,
     // 16 nothing kept or no body, 16 + body length for a decoded message.
-    int ReceiveMessage(SOCKET sock);
+    int ReceiveMessage(kvn::SOCKET sock);
 
 protected:
     int m_GetParam(unsigned int i, CParam** param);
@@ -119,11 +119,11 @@ protected:
     void AfficheMessage(const wchar_t* titre);
 
     CEnteteMsgSocket m_entete;
-    BYTE* m_pMessage;         // whole message (header and body), encoded or received; new[]
-    int m_nTailleMessage;     // nTailleData + 16
-    CPtrArray m_listParam;    // CParam*, owned
+    kvn::BYTE* m_pMessage; // whole message (header and body), encoded or received; new[]
+    int m_nTailleMessage;  // nTailleData + 16
+    CPtrArray m_listParam; // CParam*, owned
     int m_nNbParam;
-    BOOL m_bMessagePret;
+    kvn::Bool m_bMessagePret;
     CParamComm m_paramComm;
     // A received message: the block holding the copy of the message (where
     // m_pMessage points until a new encoding), the decoded parameters and

@@ -18,7 +18,7 @@ public:
     CMsgSocketClient();
     virtual ~CMsgSocketClient();
 
-    void Init(int idApplication, int idConnexion, SOCKET sock, CParamComm* paramComm);
+    void Init(int idApplication, int idConnexion, kvn::SOCKET sock, CParamComm* paramComm);
     int GetIdApplication();
     int GetDBType();
 
@@ -74,8 +74,8 @@ protected:
 
     int m_nIdApplication;
     int m_nIdConnexion;
-    SOCKET m_sock;
-    BOOL m_bInit;
+    kvn::SOCKET m_sock;
+    kvn::Bool m_bInit;
     int m_nDBType;
 };
 

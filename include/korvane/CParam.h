@@ -39,13 +39,13 @@ union CValNum {
 
 class KVN_API CParam {
 public:
-    signed char cType;     // value type code (SQL_C_...)
-    short nTaille;         // characters for text, bytes otherwise, 18 for a timestamp
-    BOOL bNull;            // non-zero: the value is NULL
-    CValNum valNum;        // SQL_C_LONG, SQL_C_DOUBLE, SQL_C_SBIGINT
-    wchar_t* pszValeur;    // owned zero-terminated text of SQL_C_CHAR and SQL_C_WCHAR (new[])
+    signed char cType;       // value type code (SQL_C_...)
+    short nTaille;           // text: UTF-16 code units; bytes otherwise, 18 for a timestamp
+    kvn::Bool bNull;         // non-zero: the value is NULL
+    CValNum valNum;          // SQL_C_LONG, SQL_C_DOUBLE, SQL_C_SBIGINT
+    wchar_t* pszValeur;      // owned zero-terminated text of SQL_C_CHAR and SQL_C_WCHAR (new[])
     KvnTimestamp dateValeur; // SQL_C_TIMESTAMP
-    GUID guidValeur;       // SQL_C_GUID
+    kvn::GUID guidValeur;    // SQL_C_GUID
 
     CParam();
     // A copy made with the assignment below (the text is duplicated).
@@ -60,9 +60,9 @@ public:
 
 class KVN_API CParamProc : public CParam {
 public:
-    int nSens;              // KVN_PARAM_IN, KVN_PARAM_INOUT, KVN_PARAM_OUT
-    void* pVariable;        // the application's variable of an OUT or IN/OUT parameter
-    BOOL bVariableAllouee;  // the object owns pVariable, a malloc block (the library leaves it 0)
+    int nSens;                  // KVN_PARAM_IN, KVN_PARAM_INOUT, KVN_PARAM_OUT
+    void* pVariable;            // the application's variable of an OUT or IN/OUT parameter
+    kvn::Bool bVariableAllouee; // the object owns pVariable, a malloc block (the library leaves it 0)
 
     CParamProc();
     CParamProc(const CParamProc& src);

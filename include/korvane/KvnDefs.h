@@ -70,31 +70,34 @@
 
 // ---- Value type codes ------------------------------------------------------
 // The ODBC C data type codes. A value holds its code in one byte, so a
-// negative code is also met as its unsigned byte (248 for -8). When the ODBC
-// headers are included first, their definitions (the same values) are used.
+// negative code is also met as its unsigned byte (248 for -8). The ODBC
+// headers define the same names, with the same values, as macros: when they
+// come first their macros are used; when they come after, their macros take
+// over from these constants, which are constants rather than macros so that
+// nothing is defined twice.
 #ifndef SQL_C_CHAR
-#define SQL_C_CHAR 1
+constexpr int SQL_C_CHAR = 1;
 #endif
 #ifndef SQL_C_WCHAR
-#define SQL_C_WCHAR (-8)
+constexpr int SQL_C_WCHAR = -8;
 #endif
 #ifndef SQL_C_LONG
-#define SQL_C_LONG 4
+constexpr int SQL_C_LONG = 4;
 #endif
 #ifndef SQL_C_DOUBLE
-#define SQL_C_DOUBLE 8
+constexpr int SQL_C_DOUBLE = 8;
 #endif
 #ifndef SQL_C_TIMESTAMP
-#define SQL_C_TIMESTAMP 11
+constexpr int SQL_C_TIMESTAMP = 11;
 #endif
 #ifndef SQL_C_SBIGINT
-#define SQL_C_SBIGINT (-25)
+constexpr int SQL_C_SBIGINT = -25;
 #endif
 #ifndef SQL_C_UBIGINT
-#define SQL_C_UBIGINT (-27)
+constexpr int SQL_C_UBIGINT = -27;
 #endif
 #ifndef SQL_C_GUID
-#define SQL_C_GUID (-11)
+constexpr int SQL_C_GUID = -11;
 #endif
 
 // ---- Directions of stored-procedure parameters ----------------------------

@@ -46,8 +46,6 @@ const DWORD kFreeAfterCloseMs = 20;
 const DWORD kHeartBeatStopMs = 30000;
 const DWORD kSockPrincipaleStopMs = 40000;
 
-bool IsSocketOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
-
 void CloseHandleIfOpen(HANDLE& h) {
     if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
     h = nullptr;
@@ -176,7 +174,7 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
     for (int attempt = 0; attempt < kInitConnectAttempts; ++attempt) {
         sock = Socket_Client(narrowHost, m_nPortHost & 0xFFFF, m_paramComm.nTimeOutConnect,
                              nullptr);
-        if (IsSocketOpen(sock)) break;
+        if (KvnIsSocketOpen(sock)) break;
         if (m_nPortServiceLoader <= 0) break;
         if (attempt == 0) {
             if (!m_SendToServiceLoader(narrowHost, m_nPortServiceLoader)) break;
@@ -186,7 +184,7 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
         }
         KvnSleep(kInitConnectPauseMs);
     }
-    if (!IsSocketOpen(sock)) {
+    if (!KvnIsSocketOpen(sock)) {
         m_lastError.Printf(L"Impossible de trouver Korvane a l'adresse %ls port %d",
                            m_szAdresseHost, m_nPortHost);
         return KVN_ERROR_UNKNOWN;
@@ -244,7 +242,7 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
 
 void CKorvaneClient::Free() {
     const SOCKET sock = m_sockPrincipale;
-    if (IsSocketOpen(sock)) {
+    if (KvnIsSocketOpen(sock)) {
         CMsgSocketClient msg;
         msg.Init(m_nIdApplication, 0, sock, &m_paramComm);
         msg.SendCloseApplication();
@@ -307,7 +305,7 @@ void CKorvaneClient::m_CloseThreads() {
     // no session outlives Free.
     if (sockPrincipaleLibre) {
         SOCKET sock = m_sockPrincipale.exchange(INVALID_SOCKET);
-        if (IsSocketOpen(sock)) KvnCloseSocket(sock);
+        if (KvnIsSocketOpen(sock)) KvnCloseSocket(sock);
         if (KvnIsHandleOpen(m_hWsaEvtPrincipale)) KvnCloseSocketEvent(m_hWsaEvtPrincipale);
         m_hWsaEvtPrincipale = nullptr;
         m_bSockPrincipaleConnected = FALSE;
@@ -347,7 +345,7 @@ int CKorvaneClient::m_GetIdApplication() { return m_nIdApplication; }
 // have got it), 0 when the loader cannot be reached or took nothing.
 int CKorvaneClient::m_SendToServiceLoader(const char* host, int port) {
     SOCKET sock = Socket_Client(host, port & 0xFFFF, kLoaderConnectMs, nullptr);
-    if (!IsSocketOpen(sock)) return 0;
+    if (!KvnIsSocketOpen(sock)) return 0;
     static const char kGo[2] = {'G', 'O'};
     int sent = SockSend(sock, kGo, sizeof kGo, kLoaderSendMs);
     KvnCloseSocket(sock);

@@ -28,8 +28,6 @@ namespace {
 // GetConnexion gives up on the connection.
 const DWORD kThreadCnxStartMs = 2000;
 
-bool IsSocketOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
-
 void CloseHandleIfOpen(HANDLE& h) {
     if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
     h = nullptr;
@@ -78,7 +76,7 @@ bool DetruitConnexion(CConnexionKorvane* cnx, DWORD waitThreadMs) {
     // No thread runs on the connection any more: whatever it left open is
     // closed here.
     SOCKET sock = cnx->m_sock.exchange(INVALID_SOCKET);
-    if (IsSocketOpen(sock)) KvnCloseSocket(sock);
+    if (KvnIsSocketOpen(sock)) KvnCloseSocket(sock);
     CloseHandleIfOpen(cnx->m_hEvtFermeture);
     CloseHandleIfOpen(cnx->hEvtResultArrived);
     CloseHandleIfOpen(cnx->m_hEvtEnvoi);
@@ -104,7 +102,7 @@ int CKorvaneClient::GetConnexion() {
         char host[sizeof m_szAdresseHost / sizeof m_szAdresseHost[0]];
         WideToNarrow(host, m_szAdresseHost);
         SOCKET sock = Socket_Client(host, m_nPortHost & 0xFFFF, m_paramComm.nTimeOutConnect, nullptr);
-        if (!IsSocketOpen(sock)) {
+        if (!KvnIsSocketOpen(sock)) {
             m_lastError.Printf(L"Impossible de trouver Korvane a l'adresse %ls port %d",
                                m_szAdresseHost, m_nPortHost);
             break;

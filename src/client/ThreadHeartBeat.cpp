@@ -54,8 +54,6 @@ const DWORD kReceiverPauseMs = 1;
 const DWORD kReceiverIdleMs = 10;
 const int kReceiverIdleRounds = 5;
 
-bool IsSocketOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
-
 // The block handed to the receiver and the queue it fills, kept together on
 // the heap: should the receiver fail to end in time, both are left to it
 // rather than freed under its feet.
@@ -82,11 +80,11 @@ void StopReceiver(CReceiver* rx) {
     // Shutting down leaves the socket's number reserved, so a receive that
     // starts late cannot land on another socket that took the number; the
     // socket is closed once the receiver has ended.
-    if (IsSocketOpen(s)) KvnShutdown(s);
+    if (KvnIsSocketOpen(s)) KvnShutdown(s);
     DWORD r = KvnWaitForSingleObject(p.hThreadStopped, kReceiverGraceMs);
     if (r != WAIT_OBJECT_0) {
         s = p.sock.exchange(INVALID_SOCKET);
-        if (IsSocketOpen(s)) KvnCloseSocket(s);
+        if (KvnIsSocketOpen(s)) KvnCloseSocket(s);
         r = KvnWaitForSingleObject(p.hThreadStopped, kReceiverStopMs);
     }
     if (r != WAIT_OBJECT_0) {
@@ -95,7 +93,7 @@ void StopReceiver(CReceiver* rx) {
         return;
     }
     s = p.sock.exchange(INVALID_SOCKET);
-    if (IsSocketOpen(s)) KvnCloseSocket(s);
+    if (KvnIsSocketOpen(s)) KvnCloseSocket(s);
     KvnCloseHandle(p.hThreadStopped);
     delete rx;
 }
@@ -108,7 +106,7 @@ void ThreadUDP(void* arg) {
     KvnResetEvent(p->hThreadStopped);
 
     SOCKET s = KvnUdpSocket();
-    if (!IsSocketOpen(s)) {
+    if (!KvnIsSocketOpen(s)) {
         KvnDebugOutput(L"\nErreur Creation Thread IP ");
     } else {
         p->sock = s;
@@ -133,7 +131,7 @@ void ThreadUDP(void* arg) {
     while (p->bRun) {
         KvnSleep(kReceiverPauseMs);
         SOCKET cur = p->sock.load();
-        if (IsSocketOpen(cur) && buffer != nullptr) {
+        if (KvnIsSocketOpen(cur) && buffer != nullptr) {
             int n = KvnRecvFrom(cur, reinterpret_cast<char*>(buffer), kTailleMaxDatagramme);
             if (n > kTailleMinQueued && p->bRun) {
                 p->pFifoIn->AddFifo(buffer, n);

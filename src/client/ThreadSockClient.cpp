@@ -50,11 +50,9 @@ enum {
     kIdxSocket = 4,
 };
 
-bool IsSocketOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
-
 void CloseCnxSocket(CConnexionKorvane* cnx) {
     SOCKET s = cnx->m_sock.exchange(INVALID_SOCKET);
-    if (IsSocketOpen(s)) KvnCloseSocket(s);
+    if (KvnIsSocketOpen(s)) KvnCloseSocket(s);
 }
 
 }  // namespace
@@ -170,7 +168,7 @@ CThreadSockClient::Reveil CThreadSockClient::Attend(DWORD timeoutMs) {
     const bool connecte = m_pCnx->m_bConnected == 1;
     m_handles[kIdxLien] =
         connecte ? m_pClient->m_hEvtLienPrincipalDown : m_pClient->m_hEvtLienPrincipalUp;
-    const bool avecSocket = m_hSockEvt != nullptr && connecte && IsSocketOpen(m_pCnx->m_sock);
+    const bool avecSocket = m_hSockEvt != nullptr && connecte && KvnIsSocketOpen(m_pCnx->m_sock);
     DWORD r = KvnWaitForMultipleObjects(avecSocket ? 5 : 4, m_handles, timeoutMs);
     switch (r) {
     case WAIT_OBJECT_0 + kIdxStop: return kStop;
@@ -288,7 +286,7 @@ void CThreadSockClient::Reouvre() {
 
     SOCKET s = Socket_Client(m_szHost, m_pClient->m_nPortHost & 0xFFFF,
                              m_pClient->m_paramComm.nTimeOutConnect, nullptr);
-    if (!IsSocketOpen(s)) {
+    if (!KvnIsSocketOpen(s)) {
         g_mutexReconnecte.Unlock();
         return;
     }
@@ -316,7 +314,7 @@ void CThreadSockClient::Reouvre() {
 
 void CThreadSockClient::Fin() {
     // No message to the service: it sees the socket close.
-    if (IsSocketOpen(m_pCnx->m_sock)) {
+    if (KvnIsSocketOpen(m_pCnx->m_sock)) {
         if (m_hSockEvt != nullptr) {
             KvnCloseSocketEvent(m_hSockEvt);
             m_hSockEvt = nullptr;

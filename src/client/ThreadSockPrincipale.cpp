@@ -65,8 +65,6 @@ const DWORD kPauseEvenementsMs = 20;
 // new one starts, and at the end of this thread.
 const DWORD kAttenteHeartBeatMs = 20000;
 
-bool IsSocketOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
-
 }  // namespace
 
 // The state of one ThreadSockPrincipale, for the length of the thread.
@@ -143,14 +141,14 @@ void CThreadSockPrincipale::Run() {
         if (StopDemande(0)) break;
 
         SOCKET s = c->m_sockPrincipale;
-        if (!IsSocketOpen(s)) {
+        if (!KvnIsSocketOpen(s)) {
             // The loss routine takes the socket out before it marks the link
             // down. A link still marked up without its socket was lost while
             // it was being re-opened: it goes through the loss routine again,
             // so that the links are counted from nothing once more.
             if (c->m_bSockPrincipaleConnected) {
                 if (Pause(kAttenteSocketMs)) break;
-                if (c->m_bSockPrincipaleConnected && !IsSocketOpen(c->m_sockPrincipale)) {
+                if (c->m_bSockPrincipaleConnected && !KvnIsSocketOpen(c->m_sockPrincipale)) {
                     c->m_NotifyComLost();
                 }
             }
@@ -229,7 +227,7 @@ CThreadSockPrincipale::Suite CThreadSockPrincipale::Reouvre() {
     }
 
     SOCKET s = Socket_Client(m_szHost, c->GetPortHost(), c->m_paramComm.nTimeOutConnect, nullptr);
-    if (!IsSocketOpen(s)) {
+    if (!KvnIsSocketOpen(s)) {
         ++m_nEchecs;
         return Pause(kPauseApresEchecMs) ? kFin : kSuite;
     }
@@ -249,7 +247,7 @@ CThreadSockPrincipale::Suite CThreadSockPrincipale::Reouvre() {
     if (r != KVN_NO_ERROR) {
         ++m_nRefus;
         SOCKET old = c->m_sockPrincipale.exchange(INVALID_SOCKET);
-        if (IsSocketOpen(old)) KvnCloseSocket(old);
+        if (KvnIsSocketOpen(old)) KvnCloseSocket(old);
         const bool stop = Pause(m_random() % kPauseRefusSpread + 1);
         c->m_mutexReInit.Unlock();
         return stop ? kFin : kSuite;
@@ -307,7 +305,7 @@ void CThreadSockPrincipale::Fin() {
     c->m_bSockPrincipaleConnected = FALSE;
     c->m_SignaleLienPrincipal();
     SOCKET s = c->m_sockPrincipale.exchange(INVALID_SOCKET);
-    if (IsSocketOpen(s)) {
+    if (KvnIsSocketOpen(s)) {
         if (c->m_hWsaEvtPrincipale != nullptr) KvnCloseSocketEvent(c->m_hWsaEvtPrincipale);
         c->m_hWsaEvtPrincipale = nullptr;
         KvnCloseSocket(s);

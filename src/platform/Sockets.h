@@ -66,6 +66,9 @@ BOOL KvnResolveHost(const char* host, DWORD* address);
 // Network byte order of a 16-bit port.
 unsigned short KvnHtons(unsigned short port);
 
+// A socket counts as open when it is neither 0 nor INVALID_SOCKET.
+inline bool KvnIsSocketOpen(SOCKET s) { return s != 0 && s != INVALID_SOCKET; }
+
 SOCKET KvnTcpSocket();
 SOCKET KvnUdpSocket();
 // Closes the socket and unbinds any socket event from it. A thread blocked

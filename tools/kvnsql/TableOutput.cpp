@@ -60,7 +60,7 @@ std::wstring CellText(const CParam& value) {
         return text;
     }
     case SQL_C_GUID: {
-        const GUID g = value.guidValeur;
+        const kvn::GUID g = value.guidValeur;
         std::swprintf(buffer, 64, L"%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
                       static_cast<unsigned>(g.Data1), g.Data2, g.Data3, g.Data4[0], g.Data4[1],
                       g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);

@@ -14,25 +14,25 @@
 
 class KVN_API CMutex {
 public:
-    explicit CMutex(BOOL bInitiallyOwn = FALSE, const wchar_t* name = nullptr);
+    explicit CMutex(kvn::Bool bInitiallyOwn = 0, const wchar_t* name = nullptr);
     virtual ~CMutex();
 
     CMutex(const CMutex&) = delete;
     CMutex& operator=(const CMutex&) = delete;
 
-    virtual BOOL Lock(DWORD timeoutMs = INFINITE);
-    virtual BOOL Unlock();
+    virtual kvn::Bool Lock(kvn::DWORD timeoutMs = kvn::kInfinite);
+    virtual kvn::Bool Unlock();
 
     // The kernel mutex currently behind the object. A derived lock may replace
     // it (the object stays the same, so its users keep their reference).
-    HANDLE GetHandle() const { return m_hObject.load(); }
+    kvn::HANDLE GetHandle() const { return m_hObject.load(); }
 
 protected:
     // Stores a new kernel mutex; the previous one is not closed here.
-    void SetHandle(HANDLE h) { m_hObject.store(h); }
+    void SetHandle(kvn::HANDLE h) { m_hObject.store(h); }
 
 private:
-    std::atomic<HANDLE> m_hObject;
+    std::atomic<kvn::HANDLE> m_hObject;
 };
 
 #endif

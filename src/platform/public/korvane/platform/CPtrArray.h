@@ -27,12 +27,12 @@ public:
     // Appends; returns the new element's index, or -1 when memory ran out.
     int Add(void* p);
     // Inserts before index (index == GetSize() appends); FALSE when refused.
-    BOOL InsertAt(int index, void* p);
+    kvn::Bool InsertAt(int index, void* p);
     void RemoveAt(int index, int count = 1);
     void RemoveAll();
 
 private:
-    BOOL Grow(int minimumSize);
+    kvn::Bool Grow(int minimumSize);
 
     void** m_pData;
     int m_nSize;

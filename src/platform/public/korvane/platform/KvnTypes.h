@@ -1,9 +1,20 @@
-// Basic platform types that appear in the library's exported signatures.
+// Basic platform types that appear in the library's exported signatures, in
+// the namespace kvn so that an application's own headers never meet them.
+// Windows' BOOL, the 32-bit truth value, is kvn::Bool: unixODBC defines BOOL
+// as a macro, which would rewrite any name spelt BOOL, qualified or not.
 //
-// On Windows they are the system's own (an application that uses the library
-// includes the Windows headers anyway, and the layouts must be the system's).
-// Elsewhere the same names are defined here with the same sizes and layouts,
-// so that the rest of the library and its applications read the same on both.
+// On Windows they are the system's own (<windows.h>, which an application of
+// the library includes anyway): kvn::HANDLE is ::HANDLE, and so on. Elsewhere
+// they are defined here with the same sizes and layouts, inside kvn only:
+// other headers of the platform (unixODBC's <sqltypes.h> among them) define
+// BOOL, HWND or DWORD at global scope in ways of their own, and the public
+// headers must be includable beside them in any order.
+//
+// Code written against Windows that wants the bare names (BOOL, DWORD,
+// HANDLE, SOCKET, SYSTEMTIME, GUID, __int64, TRUE, INFINITE ...) on every
+// platform defines KVN_WINDOWS_TYPES before including the library's headers;
+// it then cannot also include headers that define those names themselves.
+// The library and its own tools are built that way.
 //
 // This is the only public header that knows which system it is built for.
 #ifndef KORVANE_PLATFORM_KVNTYPES_H
@@ -11,21 +22,41 @@
 
 #if defined(_WIN32)
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
+// Lean or not, before or after the application's own <windows.h>: the
+// application decides; only what every variant declares is used here. A
+// program that uses Windows Sockets 2 includes <winsock2.h> first, as
+// Windows requires.
+#if defined(KVN_WINDOWS_TYPES)
 #include <winsock2.h>
+#endif
 #include <windows.h>
+
+namespace kvn {
+typedef ::BOOL Bool;
+using ::BYTE;
+using ::WORD;
+using ::DWORD;
+using ::UINT;
+using ::UINT_PTR;
+using ::LONG_PTR;
+using ::WPARAM;
+using ::LPARAM;
+using ::HANDLE;
+using ::HWND;
+using ::SYSTEMTIME;
+using ::GUID;
+// Windows Sockets' SOCKET, spelt without <winsock2.h> (which must come before
+// <windows.h> and so cannot be pulled in here).
+typedef UINT_PTR SOCKET;
+}  // namespace kvn
 
 #else  // POSIX
 
-#include <cstdint>
 #include <cstddef>
+#include <cstdint>
 
-typedef int BOOL;
+namespace kvn {
+typedef int Bool;
 typedef unsigned char BYTE;
 typedef unsigned short WORD;
 typedef std::uint32_t DWORD;
@@ -35,7 +66,6 @@ typedef std::intptr_t LONG_PTR;
 typedef UINT_PTR WPARAM;
 typedef LONG_PTR LPARAM;
 typedef void* HANDLE;
-typedef long long __int64;
 
 struct HWND__;
 typedef HWND__* HWND;
@@ -43,10 +73,52 @@ typedef HWND__* HWND;
 // A socket handle is an unsigned integer as on Windows; the invalid value has
 // all bits set.
 typedef UINT_PTR SOCKET;
+
+struct SYSTEMTIME {
+    WORD wYear;
+    WORD wMonth;
+    WORD wDayOfWeek;
+    WORD wDay;
+    WORD wHour;
+    WORD wMinute;
+    WORD wSecond;
+    WORD wMilliseconds;
+};
+
+struct GUID {
+    std::uint32_t Data1;
+    unsigned short Data2;
+    unsigned short Data3;
+    unsigned char Data4[8];
+};
+}  // namespace kvn
+
+#endif  // _WIN32
+
+namespace kvn {
+// The wait without limit (Windows' INFINITE).
+constexpr DWORD kInfinite = 0xFFFFFFFFu;
+}  // namespace kvn
+
+#if defined(KVN_WINDOWS_TYPES) && !defined(_WIN32)
+typedef kvn::Bool BOOL;
+using kvn::BYTE;
+using kvn::WORD;
+using kvn::DWORD;
+using kvn::UINT;
+using kvn::UINT_PTR;
+using kvn::LONG_PTR;
+using kvn::WPARAM;
+using kvn::LPARAM;
+using kvn::HANDLE;
+using kvn::HWND;
+using kvn::SOCKET;
+using kvn::SYSTEMTIME;
+using kvn::GUID;
+typedef long long __int64;
+
 #define INVALID_SOCKET (static_cast<SOCKET>(~static_cast<SOCKET>(0)))
-
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-1)))
-
 #ifndef TRUE
 #define TRUE 1
 #endif
@@ -56,25 +128,6 @@ typedef UINT_PTR SOCKET;
 #ifndef INFINITE
 #define INFINITE 0xFFFFFFFFu
 #endif
-
-typedef struct _SYSTEMTIME {
-    WORD wYear;
-    WORD wMonth;
-    WORD wDayOfWeek;
-    WORD wDay;
-    WORD wHour;
-    WORD wMinute;
-    WORD wSecond;
-    WORD wMilliseconds;
-} SYSTEMTIME;
-
-typedef struct _GUID {
-    std::uint32_t Data1;
-    unsigned short Data2;
-    unsigned short Data3;
-    unsigned char Data4[8];
-} GUID;
-
-#endif  // _WIN32
+#endif  // KVN_WINDOWS_TYPES on POSIX
 
 #endif

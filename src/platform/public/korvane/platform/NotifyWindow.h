@@ -16,17 +16,17 @@
 /// The identifier of a registered message name: the same name gives the same
 /// identifier throughout the process (on Windows, throughout the session).
 /// Identifiers are in the range 0xC000 to 0xFFFF; 0 means failure.
-KVN_API UINT KvnRegisterWindowMessage(const wchar_t* name);
+KVN_API kvn::UINT KvnRegisterWindowMessage(const wchar_t* name);
 
 /// Creates a window that can receive posted messages; null on failure. The
 /// application owns it and destroys it with KvnDestroyNotifyWindow after the
 /// CKorvaneClient that posts to it has been freed.
-KVN_API HWND KvnCreateNotifyWindow();
-KVN_API void KvnDestroyNotifyWindow(HWND hWnd);
+KVN_API kvn::HWND KvnCreateNotifyWindow();
+KVN_API void KvnDestroyNotifyWindow(kvn::HWND hWnd);
 
 /// Waits up to timeoutMs for a message posted to hWnd and takes the oldest one.
 /// TRUE with the message, FALSE when none came in time.
-KVN_API BOOL KvnWaitNotifyMessage(HWND hWnd, DWORD timeoutMs, UINT* msg, WPARAM* wParam,
-                                  LPARAM* lParam);
+KVN_API kvn::Bool KvnWaitNotifyMessage(kvn::HWND hWnd, kvn::DWORD timeoutMs, kvn::UINT* msg,
+                                       kvn::WPARAM* wParam, kvn::LPARAM* lParam);
 
 #endif
