@@ -24,6 +24,7 @@
 #include "platform/DateTime.h"
 #include "platform/Uuid.h"
 #include "protocol/ValueText.h"
+#include "protocol/ValueTypes.h"
 
 namespace {
 
@@ -31,11 +32,7 @@ namespace {
 // a column may hold a long text, the line is only a hint.
 const int kMaxValeurLogLen = 100;
 
-constexpr unsigned char TypeByte(signed char cType) { return static_cast<unsigned char>(cType); }
-
-bool IsText(const CParam& v) {
-    return TypeByte(v.cType) == TypeByte(SQL_C_CHAR) || TypeByte(v.cType) == TypeByte(SQL_C_WCHAR);
-}
+bool IsText(const CParam& v) { return IsTextType(v.cType); }
 
 const wchar_t* TextOf(const CParam& v) { return v.pszValeur ? v.pszValeur : L""; }
 

@@ -8,16 +8,14 @@
 
 #include "client/CConnexionKorvane.h"
 #include "operations/RequestFrame.h"
+#include "protocol/ValueTypes.h"
 
 namespace {
-
-constexpr unsigned char TypeByte(int type) { return static_cast<unsigned char>(type & 0xFF); }
 
 // The text of a value that GetColumns expects to be a text (a NULL text is
 // empty); false for a value of another type.
 bool TextValue(const CParam& v, DStr& text) {
-    unsigned char t = TypeByte(v.cType);
-    if (t != TypeByte(SQL_C_CHAR) && t != TypeByte(SQL_C_WCHAR)) return false;
+    if (!IsTextType(v.cType)) return false;
     text = (v.bNull || v.pszValeur == nullptr) ? L"" : v.pszValeur;
     return true;
 }

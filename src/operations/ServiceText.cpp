@@ -114,6 +114,8 @@ int CKorvaneClient::SendTest(int hCnx) {
     msg.Init(m_nIdApplication, hCnx, cnx->m_sock, &m_paramComm);
     KvnResetEvent(cnx->hEvtResultArrived);
     KvnResetEvent(m_hEvtPerteCommInterne);
+    // A send reported late for an earlier request must not pass for this one's.
+    KvnResetEvent(cnx->msgSended);
     msg.SetEntete(m_nIdApplication, KVN_EXECUTE, hCnx);
     for (int n = 1; n <= kTestGroups; n++) AppendTestGroup(msg, n);
 

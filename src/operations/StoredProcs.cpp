@@ -16,84 +16,31 @@
 
 #include "client/CConnexionKorvane.h"
 #include "diag/Log.h"
+#include "operations/DeclaredValue.h"
 #include "operations/RequestFrame.h"
-#include "protocol/WireText.h"
+#include "protocol/ValueTypes.h"
 
 namespace {
 
-constexpr unsigned char TypeByte(int type) { return static_cast<unsigned char>(type & 0xFF); }
-
-// Length of text, reading at most max characters.
-std::size_t BoundedLength(const wchar_t* text, std::size_t max) {
-    std::size_t n = 0;
-    while (n < max && text[n] != L'\0') n++;
-    return n;
-}
-
-bool IsTextType(unsigned char t) { return t == TypeByte(SQL_C_CHAR) || t == TypeByte(SQL_C_WCHAR); }
-
-bool IsKnownType(int type) {
-    switch (type) {
-    case SQL_C_CHAR:
-    case SQL_C_WCHAR:
-    case 248:
-    case SQL_C_LONG:
-    case SQL_C_DOUBLE:
-    case SQL_C_TIMESTAMP:
-    case SQL_C_SBIGINT:
-    case 231:
-        return true;
-    default:
-        return false;
-    }
-}
-
-// Fills a parameter slot from the application's declaration.
-void FillSlot(CParamProc& slot, int sens, int type, const void* valeur, unsigned int taille) {
-    unsigned char t = TypeByte(type);
-    delete[] slot.pszValeur;
-    slot.pszValeur = nullptr;
-    slot.cType = static_cast<signed char>(t);
+// Fills a parameter slot from the application's declaration. False when
+// the text cannot be allocated.
+bool FillSlot(CParamProc& slot, int sens, int type, const void* valeur, unsigned int taille) {
     slot.nSens = sens;
     slot.pVariable = sens == KVN_PARAM_IN ? nullptr : const_cast<void*>(valeur);
     slot.bVariableAllouee = 0;
-    // An OUT parameter travels as NULL: the service only needs its type.
-    slot.bNull = sens == KVN_PARAM_OUT ? 1 : 0;
-    slot.valNum.llVal = 0;
-    slot.dateValeur = KvnTimestamp();
-
-    if (IsTextType(t)) {
-        slot.nTaille = 0;
-        if (slot.bNull) return;
-        // At most taille characters are read: the application declares the
-        // length of its text, nothing past it is touched. The record's size
-        // counts UTF-16 code units, not wide characters.
-        const wchar_t* text = static_cast<const wchar_t*>(valeur);
-        slot.nTaille = static_cast<short>(WireDeclaredUnits(text, taille) & 0xFFFF);
-        std::size_t n = taille == 0 ? 0 : BoundedLength(text, taille);
-        slot.pszValeur = new (std::nothrow) wchar_t[n + 1];
-        if (slot.pszValeur) {
-            std::wmemcpy(slot.pszValeur, text, n);
-            slot.pszValeur[n] = L'\0';
-        }
-        return;
+    if (sens != KVN_PARAM_OUT) {
+        if (!StoreDeclaredValue(slot, TypeByte(type), valeur, taille)) return false;
+    } else {
+        // An OUT parameter travels as NULL: the service only needs its type.
+        delete[] slot.pszValeur;
+        slot.pszValeur = nullptr;
+        slot.valNum.llVal = 0;
+        slot.dateValeur = KvnTimestamp();
+        slot.bNull = 1;
+        slot.nTaille = IsTextType(type) ? 0 : TypeByte(type) == TypeByte(SQL_C_TIMESTAMP) ? 18 : 8;
     }
-    slot.nTaille = t == TypeByte(SQL_C_TIMESTAMP) ? 18 : 8;
-    if (slot.bNull) return;
-    switch (t) {
-    case TypeByte(SQL_C_LONG):
-        std::memcpy(&slot.valNum.lVal, valeur, 4);
-        break;
-    case TypeByte(SQL_C_DOUBLE):
-    case TypeByte(SQL_C_SBIGINT):
-        std::memcpy(&slot.valNum.llVal, valeur, 8);
-        break;
-    case TypeByte(SQL_C_TIMESTAMP):
-        std::memcpy(&slot.dateValeur, valeur, sizeof(KvnTimestamp));
-        break;
-    default:
-        break;
-    }
+    slot.cType = static_cast<signed char>(type);
+    return true;
 }
 
 // Writes a returned value to the application's variable of its parameter. A
@@ -170,7 +117,7 @@ int CKorvaneClient::SetStoredProcParams(int hCnx, int colonne, int sens, int typ
                   KVN_NB_PARAM_PROC_MAX);
         return KVN_ERROR_PARAMETER;
     }
-    if (!IsKnownType(type)) {
+    if (!IsDeclarableType(type)) {
         WriteLog(L"CKorvaneClient::SetStoredProcParams(): erreur type inconnu (parametre 4)", 3);
         return KVN_ERROR_PARAMETER;
     }
@@ -179,7 +126,7 @@ int CKorvaneClient::SetStoredProcParams(int hCnx, int colonne, int sens, int typ
         return KVN_ERROR_PARAMETER;
     }
 
-    FillSlot(cnx->m_tabParamProc[colonne - 1], sens, type, valeur, taille);
+    if (!FillSlot(cnx->m_tabParamProc[colonne - 1], sens, type, valeur, taille)) return KVN_ERROR_MEMORY;
     // Declaring a position again replaces it: the count is the number of
     // distinct positions, never more.
     if (colonne == nb + 1) cnx->m_nNbParamProc = nb + 1;

@@ -22,6 +22,7 @@
 #include <cwchar>
 #include <new>
 
+#include "protocol/ValueTypes.h"
 #include "protocol/WireHeader.h"
 #include "protocol/WireText.h"
 
@@ -29,11 +30,8 @@ namespace {
 
 constexpr std::size_t kTailleTete = 3;        // type byte and 16-bit size of a record
 constexpr std::uint16_t kTailleNull = 0xFFFF;  // size field of a NULL value
-constexpr int kMaxTexte = 32767;               // sizes are signed 16-bit in a CParam
 constexpr std::size_t kTailleDate = 18;        // DDMMYYYYhhmmssffff
 constexpr std::size_t kMaxMessage = INT_MAX - KVN_TAILLE_ENTETE;  // m_nTailleMessage is an int
-
-unsigned TypeByte(const CParam* p) { return static_cast<unsigned char>(p->cType); }
 
 bool SansEntete(const CEnteteMsgSocket& e) { return e.nIdApplication == -1 && e.nFonction == -1; }
 
@@ -50,7 +48,7 @@ std::size_t TailleChamp(const CParam* p) {
 std::size_t TailleRecord(const CParam* p, int unicode) {
     if (p->bNull) return kTailleTete;
     std::size_t champ = TailleChamp(p);
-    switch (TypeByte(p)) {
+    switch (TypeByte(p->cType)) {
     case 0x01:
     case 0xF8: return kTailleTete + (unicode ? 2 * champ : champ);
     case 0x04:
@@ -60,9 +58,9 @@ std::size_t TailleRecord(const CParam* p, int unicode) {
     case 0xF5:
     case 0x0B: return kTailleTete + champ;
     default:
-        // A type the wire does not know goes out as its head only: a receiver
-        // moves past the head alone for such a record, so the following
-        // records stay where it looks for them.
+        // Counted as its head alone, not 3 + size: the head is all that is
+        // written, and a receiver moves past the head alone for a type it
+        // does not know, so the records after it stay where it looks.
         return kTailleTete;
     }
 }
@@ -77,7 +75,7 @@ void EcritChamp(BYTE* out, std::size_t champ, const BYTE* valeur, std::size_t wi
 
 // Writes the record of p at out, exactly TailleRecord(p, unicode) bytes.
 void EcritRecord(CParam* p, int unicode, BYTE* out) {
-    unsigned type = TypeByte(p);
+    unsigned type = TypeByte(p->cType);
     if (p->bNull) {
         out[0] = static_cast<BYTE>(type);  // unchanged, 0xF8 included
         p->nTaille = -1;
@@ -192,7 +190,7 @@ void ParcourtRecords(const BYTE* body, std::size_t taille, std::int32_t nb, int 
 
         // Values that cannot be held as their type are dropped, their bytes passed.
         if (type == 0x0B && !bNull && n != kTailleDate) continue;
-        if ((type == 0x01 || type == 0xF8) && n > static_cast<std::size_t>(kMaxTexte)) continue;
+        if ((type == 0x01 || type == 0xF8) && n > kWireMaxTextUnits) continue;
         keep(Record{type, bNull, n, valeur});
     }
 }
@@ -288,20 +286,21 @@ int CMsgSocket::AddParametre(int type, unsigned int size, const void* value, int
         p->bNull = 1;
     } else {
         p->bNull = 0;
-        // Codes are recognised under both spellings, signed and byte.
+        // The type is compared as an int. The texts and the signed 64-bit
+        // integer are also known under their byte (248, 231); the unsigned
+        // 64-bit integer and the GUID only under their signed codes, so that
+        // 229 and 245 build a NULL text like any other unknown int.
         switch (type) {
         case SQL_C_UBIGINT:
-        case 0xE5:
         case SQL_C_SBIGINT:
-        case 0xE7: {
+        case TypeByte(SQL_C_SBIGINT): {
             std::int64_t v;
             std::memcpy(&v, value, sizeof v);
             p->valNum.llVal = v;
             p->nTaille = 8;
             break;
         }
-        case SQL_C_GUID:
-        case 0xF5: {
+        case SQL_C_GUID: {
             GUID g;
             std::memcpy(&g, value, sizeof g);
             std::memcpy(&p->guidValeur, &g, sizeof g);
@@ -310,7 +309,7 @@ int CMsgSocket::AddParametre(int type, unsigned int size, const void* value, int
         }
         case SQL_C_WCHAR:
         case SQL_C_CHAR:
-        case 0xF8: {
+        case TypeByte(SQL_C_WCHAR): {
             // size is the text's length in wide characters. At most that many
             // are read, fewer when the text ends before, and the buffer holds
             // at most size + 1. A text of more than 32767 UTF-16 code units
@@ -319,7 +318,7 @@ int CMsgSocket::AddParametre(int type, unsigned int size, const void* value, int
             const wchar_t* text = static_cast<const wchar_t*>(value);
             std::size_t chars = WireTextLength(text, size);
             std::size_t units = 0;
-            chars = WireFitUnits(text, chars, kMaxTexte, &units);
+            chars = WireFitUnits(text, chars, kWireMaxTextUnits, &units);
             p->pszValeur = new (std::nothrow) wchar_t[chars + 1];
             if (!p->pszValeur) {
                 delete p;
@@ -362,8 +361,9 @@ int CMsgSocket::AddParametre(int type, unsigned int size, const void* value, int
     return AddParametre(p);
 }
 
-// A null parameter is refused (0): the message's list holds no empty slot.
-// When the list cannot grow, the parameter, already the message's, is freed.
+// A null parameter is refused (0) rather than appended: an empty slot would
+// be a record that no encoder pass can write. When the list cannot grow, the
+// parameter, already the message's, is freed.
 int CMsgSocket::AddParametre(CParam* param) {
     if (!param) return 0;
     if (m_listParam.Add(param) < 0) {

@@ -14,9 +14,9 @@
 #include <cwchar>
 #include <new>
 
-namespace {
+#include "protocol/ValueTypes.h"
 
-unsigned TypeByte(signed char cType) { return static_cast<unsigned char>(cType); }
+namespace {
 
 // Size of the application variable that the library associates with a value
 // type, for the copy of an owned variable; 0 for a type without one.

@@ -6,12 +6,7 @@
 #include <cwchar>
 
 #include "platform/Uuid.h"
-
-namespace {
-
-unsigned TypeByte(const CParam* p) { return static_cast<unsigned char>(p->cType); }
-
-}  // namespace
+#include "protocol/ValueTypes.h"
 
 void ParamValeurToDStr(const CParam* p, DStr& texte, int bGuillemets) {
     texte.Empty();
@@ -20,7 +15,7 @@ void ParamValeurToDStr(const CParam* p, DStr& texte, int bGuillemets) {
         texte = L"NULL";
         return;
     }
-    switch (TypeByte(p)) {
+    switch (TypeByte(p->cType)) {
     case 0x01:
     case 0xF8: {
         // Concatenated rather than formatted: a text of any length and any
@@ -63,6 +58,7 @@ void ParamValeurToDStr(const CParam* p, DStr& texte, int bGuillemets) {
 }
 
 void ParamValeurToBuffer(const CParam* p, wchar_t* buffer, int* pCapacite, int bGuillemets) {
+    // A negative capacity, like 0, leaves no room to write even a terminator.
     if (!p || !buffer || !pCapacite || *pCapacite <= 0) return;
     if (p->bNull) {
         // "NULL" only when it fits with room to spare, as callers expect.

@@ -20,6 +20,10 @@
 
 #include <korvane/platform/KvnTypes.h>
 
+// The most code units a text record holds: its size is read as a signed
+// 16-bit number (CParam::nTaille).
+constexpr std::size_t kWireMaxTextUnits = 32767;
+
 // Length of text in wide characters, stopping at its terminator or at
 // maxChars, whichever comes first (0 for a null text).
 std::size_t WireTextLength(const wchar_t* text, std::size_t maxChars);

@@ -63,9 +63,12 @@ TEST_F(Bind, EveryTypeAndNullTravelInOrder) {
     ASSERT_EQ(0, client.BindParameter(hCnx, 6, SQL_C_LONG, nullptr, 4));
     ASSERT_EQ(0, client.BindParameter(hCnx, 7, SQL_C_DOUBLE, &d, 0));
     ASSERT_EQ(0, client.BindParameter(hCnx, 8, 3, &unused, 4));  // not bindable: a NULL text
+    // Types are compared whole, as the stored procedures compare them: the
+    // low byte of 0x104 is SQL_C_LONG's, yet it is no type.
+    ASSERT_EQ(0, client.BindParameter(hCnx, 9, 0x104, &unused, 4));
 
     int resultat = -1;
-    const wchar_t* insert = L"insert into t values (?,?,?,?,?,?,?,?)";
+    const wchar_t* insert = L"insert into t values (?,?,?,?,?,?,?,?,?)";
     ASSERT_EQ(KVN_NO_ERROR, client.ExecuteBind(hCnx, insert, resultat));
     EXPECT_EQ(3, resultat);
     // The answer replaced the bound values: a second ExecuteBind sends what
@@ -81,7 +84,7 @@ TEST_F(Bind, EveryTypeAndNullTravelInOrder) {
         Msg(KVN_EXECUTEBIND, 7, hCnx,
             {Text(insert), Long(-12, 8), Double(6.5), BigInt(-(1LL << 35)),
              Timestamp("020120200304050000"), Text(L"bonjour"), NullOf(kTypeLong),
-             NullOf(kTypeDouble), NullOf(kTypeChar)}),
+             NullOf(kTypeDouble), NullOf(kTypeChar), NullOf(kTypeChar)}),
         binds[0]);
     clienttest::ExpectSameRequest(Msg(KVN_EXECUTEBIND, 7, hCnx, {Text(L"update"), Long(3)}),
                                   binds[1]);

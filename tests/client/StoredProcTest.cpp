@@ -32,7 +32,8 @@ TEST_F(StoredProc, DeclarationsAreRefusedInTheirOrderOfChecks) {
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 1, 3, SQL_C_LONG, &v, 0));
     EXPECT_EQ(1, log.Count(line + L"sens inconnu (parametre 3)"));
     EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, SQL_C_GUID, &v, 0));
-    EXPECT_EQ(1, log.Count(line + L"type inconnu (parametre 4)"));
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, 0x104, &v, 0));
+    EXPECT_EQ(2, log.Count(line + L"type inconnu (parametre 4)"));
 
     // 64 parameters are accepted, the 65th is not.
     ASSERT_EQ(0, client.ClearStoredProcParams(hCnx));

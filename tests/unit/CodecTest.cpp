@@ -460,14 +460,19 @@ TEST(MessageObject, BuildingOrderAndBounds) {
     first->nTaille = 8;
     m.AddFirstParametre(first);
     m.AddParametre(0x33, 0, &one);  // unknown type: a NULL text stands in
-    EXPECT_EQ(L"8:8:0 | 4:4:1 | 4:4:2 | 248:4:last | 1:0:NULL", Dump(m));
+    // The GUID and the unsigned 64-bit integer are known by their signed
+    // codes only; their bytes are unknown types like any other.
+    std::int64_t big = 5;
+    m.AddParametre(0xF5, 0, &big);
+    m.AddParametre(0xE5, 0, &big);
+    EXPECT_EQ(L"8:8:0 | 4:4:1 | 4:4:2 | 248:4:last | 1:0:NULL | 1:0:NULL | 1:0:NULL", Dump(m));
 
     CParam* p = nullptr;
-    EXPECT_EQ(0, m.GetParametre(5, &p));
+    EXPECT_EQ(0, m.GetParametre(7, &p));
     EXPECT_EQ(0, m.GetParametre(-1, &p));
-    EXPECT_EQ(0, m.m_GetParam(5, &p));
+    EXPECT_EQ(0, m.m_GetParam(7, &p));
     EXPECT_EQ(nullptr, p);
-    EXPECT_EQ(0, m.GetTypeParametre(5));
+    EXPECT_EQ(0, m.GetTypeParametre(7));
     EXPECT_EQ(0, m.GetTypeParametre(-1));
     EXPECT_EQ(0, m.AddParametre(static_cast<CParam*>(nullptr)));
 }
