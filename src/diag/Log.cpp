@@ -5,6 +5,8 @@
 // for the debugger output as such (platform/DebugOutput.h).
 #include "diag/Log.h"
 
+#include <korvane/platform/DStr.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -12,9 +14,11 @@
 #include <cwchar>
 #include <mutex>
 
+#include "platform/DateTime.h"
 #include "platform/DebugOutput.h"
 #include "platform/Files.h"
 #include "platform/Threads.h"
+#include "platform/Utf8.h"
 
 std::atomic<int> g_logLevel{0};
 
@@ -40,12 +44,19 @@ std::atomic<int> g_bLogClosed{1};
 // for a write in progress.
 std::atomic<int> g_bLogBusy{0};
 
-// The request-log name and whether it was set. Guarded by g_requestLogLock,
-// which is also held across each append and across the rotation: a line is
-// never split by another thread's line, and InitLog never renames the file
-// under a writer. Nothing under this lock logs or takes another lock.
-std::mutex g_requestLogLock;
+// The trace file of the lines of levels 1 to 4, beside the request log: its
+// name is the request log's with this suffix.
+const wchar_t kTraceSuffix[] = L".trace";
+const size_t kTracePathLen = kLogPathLen + 6;
+
+// The names of the request log and of the trace file, and whether they were
+// set. Guarded by g_logFilesLock, which is also held across each append and
+// across the rotation: a line is never split by another thread's line, and
+// InitLog never renames a file under a writer. Nothing under this lock logs
+// or takes another lock.
+std::mutex g_logFilesLock;
 wchar_t g_szRequestLogPath[kLogPathLen] = L"";
+wchar_t g_szTracePath[kTracePathLen] = L"";
 int g_bRequestLogOpened = 0;
 
 // The test hook of the trace channel; calls are made under its lock so that
@@ -84,36 +95,44 @@ void FreeFormatted(wchar_t* text, const wchar_t* stack) {
     if (text != stack) std::free(text);
 }
 
-// The bytes of one appended line: the line and its "\n", each character
-// narrowed to one byte (characters above 255 become '?') and every "\n"
-// written as "\r\n". This is what a text-mode wide write in the C locale
-// puts in the file on Windows; doing it here, and writing in binary mode,
-// keeps the file byte-identical on every platform.
+// The bytes of one appended line: the line and its "\n", every character in
+// UTF-8 and every "\n" written as "\r\n" (the line ends of a text-mode
+// write on Windows), in binary mode so that the file is byte-identical on
+// every platform.
 void AppendLine(std::FILE* f, const wchar_t* line) {
     char buffer[512];
     size_t used = 0;
-    auto put = [&](char c) {
-        if (used == sizeof buffer) {
+    auto put = [&](const char* bytes, int n) {
+        if (used + static_cast<size_t>(n) > sizeof buffer) {
             std::fwrite(buffer, 1, used, f);
             used = 0;
         }
-        buffer[used++] = c;
+        std::memcpy(buffer + used, bytes, static_cast<size_t>(n));
+        used += static_cast<size_t>(n);
     };
-    for (const wchar_t* p = line;; ++p) {
-        wchar_t c = *p ? *p : L'\n';  // the terminator stands for the final "\n"
-        const unsigned long code = static_cast<unsigned long>(c);
-        if (c == L'\n') {
-            put('\r');
-            put('\n');
-        } else if (code <= 0xFFu) {
-            put(static_cast<char>(code));
-        } else {
-            put('?');
-            if (code > 0xFFFFu) put('?');  // two UTF-16 units where wchar_t is 16-bit
+    for (const wchar_t* p = line; *p;) {
+        if (*p == L'\n') {
+            put("\r\n", 2);
+            ++p;
+            continue;
         }
-        if (!*p) break;
+        int taken = 0;
+        char bytes[4];
+        put(bytes, KvnEncodeUtf8(KvnNextCodePoint(p, &taken), bytes));
+        p += taken;
     }
+    put("\r\n", 2);
     std::fwrite(buffer, 1, used, f);
+}
+
+// Appends line to the file at path; a file that cannot be opened is skipped.
+// Opened and closed for every line, so that the file can be read, moved or
+// deleted at any time while the application runs.
+void AppendToFile(const wchar_t* path, const wchar_t* line) {
+    std::FILE* f = KvnOpenFile(path, "ab");
+    if (!f) return;
+    AppendLine(f, line);
+    std::fclose(f);
 }
 
 bool FileExists(const wchar_t* path) {
@@ -123,8 +142,19 @@ bool FileExists(const wchar_t* path) {
     return true;
 }
 
-// OpenRequestLog with g_requestLogLock held.
+// The previous run's file becomes the backup; the backup before it is lost.
+// Failures leave the caller unaffected.
+void Rotate(const wchar_t* fileName) {
+    wchar_t backup[kTracePathLen + 4];
+    std::swprintf(backup, sizeof backup / sizeof backup[0], L"%ls.bak", fileName);
+    if (FileExists(backup)) KvnRemoveFile(backup);
+    if (FileExists(fileName)) KvnRenameFile(fileName, backup);
+}
+
+// OpenRequestLog with g_logFilesLock held. The trace file follows the
+// request log: same place, same rotation.
 void OpenRequestLogLocked(const wchar_t* fileName, int rotate) {
+    g_szTracePath[0] = L'\0';
     if (!fileName || !*fileName) {
         g_bRequestLogOpened = 0;
         g_szRequestLogPath[0] = L'\0';
@@ -139,13 +169,10 @@ void OpenRequestLogLocked(const wchar_t* fileName, int rotate) {
         return;
     }
     std::wcscpy(g_szRequestLogPath, fileName);
+    std::swprintf(g_szTracePath, kTracePathLen, L"%ls%ls", fileName, kTraceSuffix);
     if (rotate == 1) {
-        // The previous run's log becomes the backup; the backup before it is
-        // lost. Failures leave the caller unaffected.
-        wchar_t backup[kLogPathLen];
-        std::swprintf(backup, kLogPathLen, L"%ls.bak", fileName);
-        if (FileExists(backup)) KvnRemoveFile(backup);
-        if (FileExists(fileName)) KvnRenameFile(fileName, backup);
+        Rotate(g_szRequestLogPath);
+        Rotate(g_szTracePath);
     }
     g_bRequestLogOpened = 1;
 }
@@ -237,28 +264,22 @@ void FreeLog() {
 }
 
 void OpenRequestLog(const wchar_t* fileName, int rotate) {
-    std::lock_guard<std::mutex> guard(g_requestLogLock);
+    std::lock_guard<std::mutex> guard(g_logFilesLock);
     OpenRequestLogLocked(fileName, rotate);
 }
 
 void WriteRequestLog(const wchar_t* line) {
     if (!line) return;
-    std::lock_guard<std::mutex> guard(g_requestLogLock);
+    std::lock_guard<std::mutex> guard(g_logFilesLock);
     if (!g_bRequestLogOpened) OpenRequestLogLocked(kDefaultRequestLog, 1);
     if (!g_szRequestLogPath[0]) return;
-    // Opened and closed for every line, so that the file can be read, moved
-    // or deleted at any time while the application runs.
-    std::FILE* f = KvnOpenFile(g_szRequestLogPath, "ab");
-    if (!f) return;
-    AppendLine(f, line);
-    std::fclose(f);
+    AppendToFile(g_szRequestLogPath, line);
 }
 
-// The tools library's trace file: by default it keeps nothing (the request
-// log is the library's own file); the text goes to the test hook when one
-// is set.
+// The tools library's trace file: each text on a line of its own after the
+// local date and time, in the file beside the request log (nothing without a
+// request log). The test hook, when one is set, gets the text as well.
 void DebugAppendTextFile(const wchar_t* format, ...) {
-    if (!g_traceHookSet.load(std::memory_order_acquire)) return;
     wchar_t stack[512];
     va_list args;
     va_start(args, format);
@@ -266,6 +287,18 @@ void DebugAppendTextFile(const wchar_t* format, ...) {
     va_end(args);
     if (!text) return;
     CallTraceHook(text);
+    {
+        std::lock_guard<std::mutex> guard(g_logFilesLock);
+        if (g_szTracePath[0]) {
+            SYSTEMTIME st;
+            KvnGetLocalTime(&st);
+            DStr line;
+            line.Printf(L"%04u-%02u-%02u %02u:%02u:%02u.%03u  ", st.wYear, st.wMonth, st.wDay,
+                        st.wHour, st.wMinute, st.wSecond, st.wMilliseconds);
+            line += text;
+            AppendToFile(g_szTracePath, line);
+        }
+    }
     FreeFormatted(text, stack);
 }
 
@@ -290,8 +323,9 @@ void KvnSetTraceFileHook(KvnTraceFileHook hook, void* context) {
 
 void KvnResetLogForTests() {
     {
-        std::lock_guard<std::mutex> guard(g_requestLogLock);
+        std::lock_guard<std::mutex> guard(g_logFilesLock);
         g_szRequestLogPath[0] = L'\0';
+        g_szTracePath[0] = L'\0';
         g_bRequestLogOpened = 0;
     }
     g_bRequestLog.store(0);

@@ -2,6 +2,7 @@
 // library goes, a process-wide threshold, and the channels a written line
 // reaches: the trace file and the debugger output of the tools library, and
 // the request log, a text file whose name the application gives at start-up.
+// Both files are UTF-8 and keep every character.
 #ifndef KORVANE_DIAG_LOG_H
 #define KORVANE_DIAG_LOG_H
 
@@ -29,6 +30,9 @@ void WriteRequestLog(const wchar_t* line);
 
 // The tools library's channels. Both take a wide format and arguments; the
 // library always passes its finished text as the only argument (format "%ls").
+// DebugAppendTextFile keeps each text, after the local date and time, in the
+// trace file named like the request log with ".trace" added (rotated with it
+// at start-up); without a request log it keeps nothing.
 void DebugAppendTextFile(const wchar_t* format, ...);
 void ODS(const wchar_t* format, ...);
 

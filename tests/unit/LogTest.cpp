@@ -85,10 +85,10 @@ TEST_F(LogTest, LongTextsGoOutInChunksOf252AndAfterFreeLogOnlyTheFirstChunk) {
     const std::string fits(252, 'a');
     WriteLog(Wide(fits).c_str(), 2);
     WriteLog(Wide(std::string(252, 'b') + "c").c_str(), 2);
-    // Characters are written as single bytes; those beyond one byte as '?'.
-    WriteLog(L"D\u00e9but \u20ac", 2);
-    const std::string expected =
-        LogLine(fits) + Chunk(std::string(252, 'b')) + Chunk("c") + LogLine("D\xe9" "but ?");
+    // Every character is kept, in UTF-8.
+    WriteLog(L"D\u00e9but \u20ac \U0001F680", 2);
+    const std::string expected = LogLine(fits) + Chunk(std::string(252, 'b')) + Chunk("c") +
+                                 LogLine("D\xc3\xa9" "but \xe2\x82\xac \xf0\x9f\x9a\x80");
     EXPECT_EQ(ReadFile(log_), expected);
 
     FreeLog();
@@ -124,22 +124,42 @@ TEST_F(LogTest, FreeLogLetsAWriteInProgressFinish) {
     EXPECT_EQ(lines.front(), L"\r\n FreeLog avant IsTimeOuted   ");
 }
 
+TEST_F(LogTest, TheTraceFileKeepsTheLinesUpToLevel4WithTheirTimeBesideTheRequestLog) {
+    Init(5);
+    WriteLog(L"perte de communication \u20ac", 4);
+    WriteLog(L"SockSend, emission partielle", 5);
+    const std::string trace = ReadFile(dir_.path / "requests.log.trace");
+    // "YYYY-MM-DD hh:mm:ss.mmm  " then the text, one line.
+    ASSERT_EQ(trace.size(), 25u + 26u + 2u) << trace;
+    EXPECT_EQ(trace[4], '-');
+    EXPECT_EQ(trace[13], ':');
+    EXPECT_EQ(trace[19], '.');
+    EXPECT_EQ(trace.substr(23), "  perte de communication \xe2\x82\xac\r\n");
+    EXPECT_EQ(ReadFile(log_), LogLine("perte de communication \xe2\x82\xac") +
+                                  LogLine("SockSend, emission partielle"));
+}
+
 TEST_F(LogTest, StartingAgainKeepsThePreviousRunAsTheOnlyBackupUnlessNotRotating) {
     const fs::path backup = dir_.path / "requests.log.bak";
+    const fs::path trace = dir_.path / "requests.log.trace";
     WriteFile(log_, "previous run\r\n");
     WriteFile(backup, "run before that\r\n");
+    WriteFile(trace, "previous trace\r\n");
     Init(3);
     EXPECT_FALSE(fs::exists(log_));
+    EXPECT_FALSE(fs::exists(trace));
     EXPECT_EQ(ReadFile(backup), "previous run\r\n");
+    EXPECT_EQ(ReadFile(dir_.path / "requests.log.trace.bak"), "previous trace\r\n");
     WriteLog(L"nouvelle session", 3);
     EXPECT_EQ(ReadFile(log_), LogLine("nouvelle session"));
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path), fs::directory_iterator()), 2);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path), fs::directory_iterator()), 4);
 
     KvnResetLogForTests();
     Init(3, 0);
     WriteLog(L"suite", 3);
     EXPECT_EQ(ReadFile(log_), LogLine("nouvelle session") + LogLine("suite"));
     EXPECT_EQ(ReadFile(backup), "previous run\r\n");
+    EXPECT_NE(ReadFile(trace).find("  suite\r\n"), std::string::npos);
 }
 
 TEST_F(LogTest, WithoutANameInitLogSetsTheThresholdOnlyAndRequestLinesGoToTheDefaultFile) {

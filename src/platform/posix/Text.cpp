@@ -8,28 +8,12 @@
 // Lone surrogates, values beyond U+10FFFF and malformed UTF-8 become U+FFFD.
 #include "platform/posix/PosixInternal.h"
 
+#include "platform/Utf8.h"
+
 namespace kvn_posix {
 namespace {
 
 const char32_t kReplacement = 0xFFFD;
-
-void AppendUtf8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-}
 
 void AppendWide(std::wstring& out, char32_t c) {
     if (sizeof(wchar_t) == 2 && c >= 0x10000) {
@@ -50,15 +34,12 @@ bool WideToUtf8(const wchar_t* text, std::string& out) {
     try {
         out.clear();
         if (!text) return true;
-        for (const wchar_t* p = text; *p; ++p) {
-            char32_t c = static_cast<char32_t>(*p);
-            if (IsHighSurrogate(c) && IsLowSurrogate(static_cast<char32_t>(p[1]))) {
-                c = 0x10000 + ((c - 0xD800) << 10) + (static_cast<char32_t>(p[1]) - 0xDC00);
-                ++p;
-            } else if (IsHighSurrogate(c) || IsLowSurrogate(c) || c > 0x10FFFF) {
-                c = kReplacement;
-            }
-            AppendUtf8(out, c);
+        for (const wchar_t* p = text; *p;) {
+            int taken = 0;
+            char bytes[4];
+            const int n = KvnEncodeUtf8(KvnNextCodePoint(p, &taken), bytes);
+            out.append(bytes, static_cast<std::size_t>(n));
+            p += taken;
         }
         return true;
     } catch (...) {
