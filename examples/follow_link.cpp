@@ -24,9 +24,9 @@ int main(int argc, char** argv) {
     // The library posts its notifications to a window; this one is a queue
     // that the application reads when it likes, from any thread. The message
     // identifiers come from registering the same names as the library.
-    HWND window = KvnCreateNotifyWindow();
-    const UINT lost = KvnRegisterWindowMessage(L"KVN_MSG_PERTE_COMM");
-    const UINT back = KvnRegisterWindowMessage(L"KVN_MSG_COMM_OK");
+    kvn::HWND window = KvnCreateNotifyWindow();
+    const kvn::UINT lost = KvnRegisterWindowMessage(L"KVN_MSG_PERTE_COMM");
+    const kvn::UINT back = KvnRegisterWindowMessage(L"KVN_MSG_COMM_OK");
     int status = 1;
     {
         CKorvaneClient client;
@@ -40,9 +40,9 @@ int main(int argc, char** argv) {
             int recoveries = 0;
             while (hCnx > 0 && recoveries != wanted) {
                 // Waiting for a notification paces the loop too.
-                UINT msg = 0;
-                WPARAM wParam = 0;
-                LPARAM lParam = 0;
+                kvn::UINT msg = 0;
+                kvn::WPARAM wParam = 0;
+                kvn::LPARAM lParam = 0;
                 if (KvnWaitNotifyMessage(window, 500, &msg, &wParam, &lParam)) {
                     if (msg == lost) {
                         interrupted = true;

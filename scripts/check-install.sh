@@ -42,5 +42,6 @@ pcdir=$(dirname "$(find "$prefix" -name korvaneclient.pc | head -n 1)")
 flags=$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs korvaneclient)
 libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir korvaneclient)
 # shellcheck disable=SC2086
-c++ -std=c++17 "$root/tests/install/app/main.cpp" -o "$tmp/pc_check" $flags -Wl,-rpath,"$libdir"
+c++ -std=c++17 -Wall -Wextra -Werror "$root"/tests/install/app/{main,OdbcFirst,OdbcLast}.cpp \
+  -o "$tmp/pc_check" $flags -Wl,-rpath,"$libdir"
 "$tmp/pc_check"

@@ -128,7 +128,7 @@ protected:
     // A received message: the block holding the copy of the message (where
     // m_pMessage points until a new encoding), the decoded parameters and
     // their texts; new[].
-    BYTE* m_pBloc;
+    kvn::BYTE* m_pBloc;
     std::size_t m_nTailleBloc;
 };
 

@@ -27,7 +27,7 @@ public:
     // they are made in one block of memory, texts included, instead of one
     // allocation a value: so the receivers build the rows of a select.
     // FALSE when memory ran out (nothing is then appended).
-    BOOL AddCopies(CParam* const* valeurs, int n);
+    kvn::Bool AddCopies(CParam* const* valeurs, int n);
     void VideLigne();
 
     // Read without the row's lock: a row is complete once it is queued.
@@ -42,7 +42,7 @@ private:
     // columns 1 to m_nBloc; m_arrayParam holds the columns after them. The
     // texts of these values lie in the block too: such a value is read or
     // copied, never assigned to.
-    BYTE* m_pBloc;
+    kvn::BYTE* m_pBloc;
     int m_nBloc;
 };
 
