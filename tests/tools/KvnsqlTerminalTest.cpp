@@ -60,7 +60,7 @@ TEST_F(KvnsqlTerminal, HistoryRecallBlankLinesCompletionAndPager) {
         t.Type("with recursive c(x) as (select 1 union all select x + 1 from c where x < 30) select x from c;\r");
         ASSERT_TRUE(t.Expect("\r\n 30\r\n"));
         t.Type("\\q\r");
-        EXPECT_EQ(0, t.WaitForExit(10000));
+        EXPECT_EQ(0, t.WaitForExit(10000)) << t.Pending();
     }
     std::ifstream history(home.File(".kvnsql_history"));
     ASSERT_TRUE(history.good()) << "no history file";

@@ -1,4 +1,4 @@
-// Statement boundaries, statement kinds and the column names of simple selects.
+// Statement boundaries, and the column names of results read from statements.
 #include "Statements.h"
 
 #include <algorithm>
@@ -326,6 +326,22 @@ std::size_t FindTopLevelWord(const std::wstring& s, std::size_t pos, const std::
     return at;
 }
 
+// The position just after the parenthesis that closes the one at pos.
+std::size_t AfterParentheses(const std::wstring& s, std::size_t pos) {
+    int depth = 0;
+    for (; pos < s.size(); ++pos) {
+        if (const wchar_t close = ClosingQuote(s[pos])) {
+            pos = s.find(close, pos + 1);
+            if (pos == std::wstring::npos) return s.size();
+        } else if (s[pos] == L'(') {
+            ++depth;
+        } else if (s[pos] == L')' && --depth == 0) {
+            return pos + 1;
+        }
+    }
+    return s.size();
+}
+
 // After "WITH [RECURSIVE] name [(columns)] AS [NOT] [MATERIALIZED] (...), ...":
 // where the statement that the common table expressions serve begins.
 std::size_t SkipWith(const std::wstring& sql, std::size_t pos) {
@@ -337,19 +353,7 @@ std::size_t SkipWith(const std::wstring& sql, std::size_t pos) {
         if (as == std::wstring::npos) return sql.size();
         pos = sql.find(L'(', as);
         if (pos == std::wstring::npos) return sql.size();
-        int depth = 0;
-        for (; pos < sql.size(); ++pos) {
-            if (const wchar_t close = ClosingQuote(sql[pos])) {
-                const std::size_t end = sql.find(close, pos + 1);
-                if (end == std::wstring::npos) return sql.size();
-                pos = end;
-            } else if (sql[pos] == L'(') {
-                ++depth;
-            } else if (sql[pos] == L')' && --depth == 0) {
-                break;
-            }
-        }
-        pos = SkipNoise(sql, pos + 1);
+        pos = SkipNoise(sql, AfterParentheses(sql, pos));
         if (pos >= sql.size() || sql[pos] != L',') return pos;
         pos = SkipNoise(sql, pos + 1);
     }
@@ -372,13 +376,21 @@ std::wstring NameAt(const std::wstring& s, std::size_t pos, std::size_t& end) {
     return s.substr(pos, end - pos);
 }
 
-bool IsJoinWord(const std::wstring& word) {
-    static const wchar_t* const kWords[] = {L"JOIN", L"INNER", L"LEFT", L"RIGHT", L"FULL", L"OUTER",
-                                            L"CROSS", L"NATURAL", L"ON", L"USING", L"LATERAL"};
-    for (const wchar_t* w : kWords) {
+bool IsOneOf(const std::wstring& word, std::initializer_list<const wchar_t*> words) {
+    for (const wchar_t* w : words) {
         if (word == w) return true;
     }
     return false;
+}
+
+// A word that starts a join: the next table follows.
+bool StartsJoin(const std::wstring& word) {
+    return IsOneOf(word, {L"JOIN", L"INNER", L"LEFT", L"RIGHT", L"FULL", L"CROSS", L"NATURAL"});
+}
+
+// A word of a FROM clause that is no table and no alias.
+bool IsJoinWord(const std::wstring& word) {
+    return StartsJoin(word) || IsOneOf(word, {L"OUTER", L"ON", L"USING", L"LATERAL"});
 }
 
 struct FromTable {
@@ -386,38 +398,22 @@ struct FromTable {
     std::wstring alias;
 };
 
-// The position just after the parenthesis that closes the one at pos.
-std::size_t AfterParentheses(const std::wstring& s, std::size_t pos) {
-    int depth = 0;
-    for (; pos < s.size(); ++pos) {
-        if (const wchar_t close = ClosingQuote(s[pos])) {
-            pos = s.find(close, pos + 1);
-            if (pos == std::wstring::npos) return s.size();
-        } else if (s[pos] == L'(') {
-            ++depth;
-        } else if (s[pos] == L')' && --depth == 0) {
-            return pos + 1;
-        }
-    }
-    return s.size();
-}
-
 // From pos, where the next table of a FROM clause is announced: a ',' or a
 // join word at depth 0 (the clause's size when none).
 std::size_t NextFromSeparator(const std::wstring& s, std::size_t pos) {
     while (pos < s.size()) {
         const wchar_t c = s[pos];
-        if (c == L'(' || ClosingQuote(c) != 0) {
-            pos = c == L'(' ? AfterParentheses(s, pos) : s.find(ClosingQuote(c), pos + 1);
+        if (c == L'(') {
+            pos = AfterParentheses(s, pos);
+        } else if (const wchar_t close = ClosingQuote(c)) {
+            pos = s.find(close, pos + 1);
             if (pos == std::wstring::npos) return s.size();
-            if (c != L'(') ++pos;
+            ++pos;
         } else if (c == L',') {
             return pos;
         } else if (IsWordChar(c) && (pos == 0 || !IsWordChar(s[pos - 1]))) {
             const std::wstring word = WordAt(s, pos);
-            if (IsJoinWord(word) && word != L"ON" && word != L"USING" && word != L"OUTER" && word != L"LATERAL") {
-                return pos;
-            }
+            if (StartsJoin(word)) return pos;
             pos += word.size();
         } else {
             ++pos;
@@ -484,8 +480,10 @@ std::vector<HeaderItem> ItemHeaders(const std::vector<std::wstring>& items, cons
             const std::wstring owner = Unquoted(item.substr(0, item.size() - 2));
             const FromTable* found = nullptr;
             for (const FromTable& t : tables) {
-                const std::wstring bare = t.table.substr(t.table.rfind(L'.') == std::wstring::npos ? 0 : t.table.rfind(L'.') + 1);
-                if (SameName(t.alias, owner) || (t.alias.empty() && (SameName(t.table, owner) || SameName(bare, owner)))) {
+                // Unaliased, a table goes by its name, qualified or not.
+                const std::wstring bare = t.table.substr(t.table.rfind(L'.') + 1);
+                if (SameName(t.alias, owner) ||
+                    (t.alias.empty() && (SameName(t.table, owner) || SameName(bare, owner)))) {
                     found = &t;
                     break;
                 }

@@ -1,5 +1,5 @@
-// The input as statements and commands: where a statement ends, which
-// statements return rows, and what the columns of a simple select are called.
+// The input as statements and commands: where a statement ends, and what
+// the columns of a statement's result are called.
 //
 // Pure text work; the statements are run elsewhere.
 #ifndef KVNSQL_STATEMENTS_H

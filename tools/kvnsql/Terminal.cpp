@@ -138,7 +138,8 @@ public:
         el_set(editLine_, EL_EDITOR, "emacs");
         el_set(editLine_, EL_PROMPT, &EditReader::Prompt);
         el_set(editLine_, EL_HIST, history, history_);
-        el_set(editLine_, EL_ADDFN, "kvnsql-complete", "complete a backslash command", &EditReader::Complete);
+        // Wide names: the narrow call leaves copies of them that nothing frees.
+        el_wset(editLine_, EL_ADDFN, L"kvnsql-complete", L"complete a backslash command", &EditReader::Complete);
         el_set(editLine_, EL_BIND, "^I", "kvnsql-complete", nullptr);
         el_set(editLine_, EL_GETCFN, &EditReader::ReadChar);
         el_source(editLine_, nullptr);  // the user's ~/.editrc
