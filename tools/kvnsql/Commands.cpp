@@ -156,14 +156,10 @@ bool KvnsqlSession::Pset(const std::wstring& arguments) {
         Status(std::wstring(L"tuples_only is ") + OnOff(on));
     } else if (name == L"fieldsep") {
         if (value.empty()) return ReportUsage(usage), false;
-        style.fieldSeparator = value.size() >= 2 && value[0] == L'\'' && value.back() == L'\''
-                                   ? value.substr(1, value.size() - 2)
-                                   : value;
+        style.fieldSeparator = Unquoted(value);
         Status(L"fieldsep is \"" + style.fieldSeparator + L"\"");
     } else if (name == L"null") {
-        style.nullText = value.size() >= 2 && value[0] == L'\'' && value.back() == L'\''
-                             ? value.substr(1, value.size() - 2)
-                             : value;
+        style.nullText = Unquoted(value);
         Status(L"null is \"" + style.nullText + L"\"");
     } else if (name == L"pager") {
         bool on = !settings_.pager;
