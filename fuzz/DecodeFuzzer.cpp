@@ -14,25 +14,12 @@
 
 #include <korvane/CMsgSocket.h>
 
-#include "protocol/ValueText.h"
+#include "FuzzSupport.h"
 #include "protocol/WireHeader.h"
 
 namespace {
 
 constexpr std::size_t kEntete = KVN_TAILLE_ENTETE;
-
-void Render(CMsgSocket& m) {
-    wchar_t buffer[64];
-    for (int i = 0; i < m.GetNbParametre(); ++i) {
-        CParam* p = nullptr;
-        if (!m.GetParametre(i, &p)) __builtin_trap();
-        DStr texte;
-        ParamValeurToDStr(p, texte, i & 1);
-        int capacite = 63;
-        ParamValeurToBuffer(p, buffer, &capacite, 0);
-        (void)m.GetTypeParametre(i);
-    }
-}
 
 }  // namespace
 
@@ -57,19 +44,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (body) std::memcpy(corps.get(), message.get() + kEntete, body);
         if (m.AnalyseMessage(e, corps.get()) != 1) return 0;
     }
-    Render(m);
+    fuzzsupport::Render(m);
 
     const int kept = m.GetNbParametre();
     if (!m.CreateMessage((mode & 2) ? 0 : -1)) return 0;  // a message without header
     int len = 0;
     BYTE* encoded = m.GetMessage(&len);
-    if (!encoded || len < static_cast<int>(kEntete)) __builtin_trap();
+    FUZZ_CHECK(encoded && len >= static_cast<int>(kEntete));
     std::unique_ptr<BYTE[]> copy(new BYTE[len]);
     std::memcpy(copy.get(), encoded, static_cast<std::size_t>(len));
-    if (GetLE32(copy.get() + 11) + kEntete != static_cast<std::uint32_t>(len)) __builtin_trap();
+    FUZZ_CHECK(GetLE32(copy.get() + 11) + kEntete == static_cast<std::uint32_t>(len));
 
     CMsgSocket again;
-    if (again.AnalyseMessageComplet(copy.get()) != 1) __builtin_trap();
-    if (again.GetNbParametre() != kept) __builtin_trap();
+    FUZZ_CHECK(again.AnalyseMessageComplet(copy.get()) == 1);
+    FUZZ_CHECK(again.GetNbParametre() == kept);
     return 0;
 }
