@@ -111,6 +111,10 @@ void EnvoiRequeteCnx(CConnexionKorvane* cnx) {
     CMsgSocketClient* msg = cnx->m_pMsgAEnvoyer;
     if (cnx->m_bConnected == 1 && msg != nullptr) {
         cnx->m_bMsgSended = 0;
+        // An answer that this thread stored before the send (unasked, or late
+        // for an earlier request) may have set the event after the caller
+        // reset it: only what arrives after the send may wake the caller.
+        KvnResetEvent(cnx->hEvtResultArrived);
         // -1, -1: text as UTF-16, the message's own acknowledgement wait.
         int r = msg->SendMessage(cnx->m_sock, -1, -1);
         cnx->m_nCodeErreur = r;

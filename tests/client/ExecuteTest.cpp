@@ -25,30 +25,11 @@ using peer::Connection;
 using peer::Long;
 using peer::Message;
 
-// Whether another thread can take the lock at once.
-bool FreeElsewhere(CMutex& lock) {
-    std::atomic<bool> locked{false};
-    std::thread other([&] {
-        locked = lock.Lock(0) != FALSE;
-        if (locked) lock.Unlock();
-    });
-    other.join();
-    return locked;
-}
-
 class ExecuteOn : public OperationSession {
 protected:
     void TearDown() override {
         KvnSetAnswerWaitForTests(0);
         OperationSession::TearDown();
-    }
-    // The frame always ends with the request lock free and the request
-    // withdrawn.
-    void ExpectConnexionFree() {
-        CConnexionKorvane* cnx = client.Connexion(hCnx);
-        ASSERT_NE(nullptr, cnx);
-        EXPECT_EQ(nullptr, cnx->m_pMsgAEnvoyer);
-        EXPECT_TRUE(FreeElsewhere(cnx->mutexUseCnx)) << "the request lock is still held";
     }
     // Waits (bounded) until the connection's link has read a request.
     bool ServiceHasARequest() {

@@ -3,6 +3,9 @@
 
 #include <korvane/SockInit.h>
 
+#include <atomic>
+#include <thread>
+
 #include "diag/Log.h"
 #include "platform/DebugOutput.h"
 #include "support/ServiceSession.h"
@@ -69,6 +72,23 @@ std::vector<peer::Message> OperationSession::Requests() {
     // The first one is the connection's registration.
     if (!all.empty()) all.erase(all.begin());
     return all;
+}
+
+void OperationSession::ExpectConnexionFree() {
+    CConnexionKorvane* cnx = client.Connexion(hCnx);
+    ASSERT_NE(nullptr, cnx);
+    EXPECT_EQ(nullptr, cnx->m_pMsgAEnvoyer);
+    EXPECT_TRUE(FreeElsewhere(cnx->mutexUseCnx)) << "the request lock is still held";
+}
+
+bool FreeElsewhere(CMutex& lock) {
+    std::atomic<bool> locked{false};
+    std::thread other([&] {
+        locked = lock.Lock(0) != FALSE;
+        if (locked) lock.Unlock();
+    });
+    other.join();
+    return locked;
 }
 
 peer::Message Serve(peer::Connection& c, int fonction, std::vector<peer::Value> values) {

@@ -52,6 +52,9 @@ protected:
 
     // Every request the connection's link read after its registration.
     std::vector<peer::Message> Requests();
+    // An operation always ends with the request lock free and its request
+    // withdrawn.
+    void ExpectConnexionFree();
 
     peer::ScriptedPeer service;
     OperationClient client;
@@ -59,6 +62,9 @@ protected:
     CapturedTexts debugger;
     CapturedTexts log;
 };
+
+// Whether another thread can take the lock at once.
+bool FreeElsewhere(CMutex& lock);
 
 // Reads a request of function `fonction`, acknowledges it and answers with
 // `values` under the same function code and ids. Returns the request.
