@@ -167,6 +167,16 @@ TEST_F(E2ePostgres, SelectsOfManyBlocksAndSchemaQuestionsWorkOnPostgres) {
     EXPECT_EQ((std::vector<long>{1, 2, 3, 4, 5, 6, 7, 8, 9}), SelectIds(L"SELECT id FROM kvn_items ORDER BY id"));
     SelectOne(L"SELECT id, name, price FROM kvn_items WHERE id = 3");
     ExpectReads({{1, 'l', L"3"}, {2, 'x', L"n3"}, {3, 'd', L"1.5"}});
+    // Texts longer than their rowset's buffers (an unbounded text column),
+    // between short ones, across blocks.
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"SELECT g, repeat('x', CASE WHEN g % 5 = 0 THEN 9000 "
+                                                       L"ELSE g END) FROM generate_series(1, 12) g", resultat));
+    for (int g = 1; g <= 12; ++g) {
+        ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx));
+        EXPECT_EQ(std::wstring(g % 5 == 0 ? 9000 : g, L'x'), Read(2, 'x')) << g;
+    }
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
 
     int nb = -1;
     DStr names, types;

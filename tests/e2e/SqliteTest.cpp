@@ -321,3 +321,64 @@ TEST_F(E2eSqlite, ConnexionsOfOneSessionWorkInParallelEachWithItsOwnSelect) {
     EXPECT_EQ(0, failures.load());
     EXPECT_EQ((std::vector<long>{kWorkers * kEach}), SelectIds(L"SELECT COUNT(*) FROM parallel"));
 }
+
+// The service keeps repeated statements prepared: they stay right when they
+// fail, when the table under them is made anew, and when many others have
+// come between.
+TEST_F(E2eSqlite, RepeatedStatementsStayRightThroughFailuresSchemaChangesAndManyOthers) {
+    MustExecute(L"CREATE TABLE counter (id INTEGER PRIMARY KEY, v INTEGER)");
+    const wchar_t* bump = L"UPDATE counter SET v = v + 1 WHERE id = 1";
+    const wchar_t* first = L"INSERT INTO counter VALUES (1, 0)";
+    EXPECT_EQ(1, MustExecute(first));
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(1, MustExecute(bump));
+    for (int i = 0; i < 2; ++i) {
+        int resultat = 0;
+        EXPECT_EQ(KVN_ERROR_ODBC, client.Execute(hCnx, first, resultat)) << "the key is taken, every time";
+        EXPECT_NE(std::string::npos, ErrorText().find("UNIQUE")) << ErrorText();
+    }
+    MustExecute(L"DROP TABLE counter");
+    MustExecute(L"CREATE TABLE counter (id INTEGER PRIMARY KEY, label VARCHAR(10), v INTEGER)");
+    MustExecute(L"INSERT INTO counter VALUES (1, 'a', 10)");
+    EXPECT_EQ(1, MustExecute(bump)) << "the statement kept follows the new table";
+    for (int i = 1; i <= 40; ++i) {
+        const std::wstring other = L"UPDATE counter SET v = v + " + std::to_wstring(i) + L" WHERE id = 1";
+        EXPECT_EQ(1, MustExecute(other.c_str()));
+    }
+    EXPECT_EQ(1, MustExecute(bump));
+    EXPECT_EQ((std::vector<long>{10 + 1 + 40 * 41 / 2 + 1}), SelectIds(L"SELECT v FROM counter"));
+}
+
+// Rows come from the database a rowset at a time into buffers sized by the
+// columns' declared widths, which SQLite does not enforce: texts far longer
+// than their column come whole (up to what a message holds), NULLs stay
+// NULLs, and a statement run between two blocks leaves the select alone.
+TEST_F(E2eSqlite, TextsLongerThanTheirColumnComeWholeAcrossRowsetsAndBlocks) {
+    MustExecute(L"CREATE TABLE texts (id INTEGER, t VARCHAR(10), n INTEGER)");
+    // Every 97th text 600 characters, the 300th 70000 (cut at 32767 on the
+    // wire); every other n NULL.
+    EXPECT_EQ(600, MustExecute(L"INSERT INTO texts WITH RECURSIVE k(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM k "
+                               L"WHERE i < 600) SELECT i, CASE WHEN i = 300 THEN hex(zeroblob(35000)) WHEN i % 97 = 0 "
+                               L"THEN hex(zeroblob(300)) ELSE 'r' || i END, CASE WHEN i % 2 = 1 THEN NULL ELSE i END "
+                               L"FROM k"));
+    int resultat = 0;
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"SELECT id, t, n FROM texts ORDER BY id", resultat));
+    for (long id = 1; id <= 600; ++id) {
+        ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx)) << "row " << id;
+        ASSERT_EQ(std::to_wstring(id), Read(1, 'l'));
+        const std::wstring text = Read(2, 'x');
+        if (id == 300) {
+            EXPECT_EQ(std::wstring(32767, L'0'), text);
+        } else if (id % 97 == 0) {
+            EXPECT_EQ(std::wstring(600, L'0'), text) << "row " << id;
+        } else {
+            EXPECT_EQ(L"r" + std::to_wstring(id), text);
+        }
+        EXPECT_EQ(id % 2 ? L"NULL 101" : std::to_wstring(id), Read(3, 'l')) << "row " << id;
+        // Between two blocks, while the next one is made ready.
+        if (id == 100) {
+            ASSERT_EQ(KVN_NO_ERROR, client.ExecuteRequete(hCnx, L"CREATE TABLE meanwhile (a INTEGER)"));
+            ASSERT_EQ(KVN_NO_ERROR, client.GetLine(hCnx, 3));
+        }
+    }
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+}

@@ -52,7 +52,7 @@ std::string Excerpt(const std::string& sql) {
 
 bool Session::OnDatabaseRequest(CMsgSocket& request) {
     const int fonction = request.GetFonction();
-    CMsgSocket answer;
+    EncodedAnswer answer;
     if (role_ != Role::Connexion) {
         // A database request on a link that opened no connection.
         ErrorAnswer(answer, fonction, KVN_ERROR_HANDLE_CNX);
@@ -61,7 +61,7 @@ bool Session::OnDatabaseRequest(CMsgSocket& request) {
     switch (fonction) {
     case KVN_LIBERE_CNX_SELECT:
         // Only acknowledged, never answered.
-        db_->CloseSelect();
+        EndSelect();
         return true;
     case KVN_GET_ODBC_ERROR_TEXT:
         AnswerErrorText(answer);
@@ -115,7 +115,8 @@ bool Session::EnsureDatabase() {
 void Session::AnswerExecute(CMsgSocket& request, CMsgSocket& answer) {
     std::string sql;
     if (!ReadText(request, 0, &sql)) return ErrorAnswer(answer, KVN_EXECUTE, KVN_ERROR_PARAMETER);
-    ServiceLog(2, "app %d cnx %d: execute %s", idApplication_, idConnexion_, Excerpt(sql).c_str());
+    if (ServiceLogLevel() >= 2)
+        ServiceLog(2, "app %d cnx %d: execute %s", idApplication_, idConnexion_, Excerpt(sql).c_str());
     long long rows = 0;
     if (!db_->Execute(sql, &rows)) return ErrorAnswer(answer, KVN_EXECUTE, KVN_ERROR_ODBC);
     StartAnswer(answer, KVN_EXECUTE);
@@ -123,46 +124,89 @@ void Session::AnswerExecute(CMsgSocket& request, CMsgSocket& answer) {
     AddLong(answer, ClampToInt(rows));  // rows affected
 }
 
-bool Session::AddBlock(CMsgSocket& answer, int rowsAsked) {
-    const int columns = db_->SelectColumns();
-    int rowsLimit = rowsAsked;
-    if (columns > 0) rowsLimit = std::max(1, std::min(rowsLimit, kMaxBlockValues / columns));
-    std::vector<DbValue> cells;
-    int rows = 0;
-    bool more = false;
-    if (!db_->FetchBlock(rowsLimit, kMaxBlockBytes, &cells, &rows, &more)) return false;
-    AddLong(answer, rows);
-    AddLong(answer, rows > 0 ? columns : 0);
-    AddLong(answer, more ? 1 : 0);
-    for (const DbValue& cell : cells) AddDbValue(answer, cell);
+// ---- Selects ---------------------------------------------------------------------
+//
+// The rows of a select are encoded as they are read (WireRows) and wait in
+// rows_ until a block takes them. Once a block has gone, the next one is made
+// ready while the link is quiet, one rowset at a time (PrepareNextBlock), so
+// that the GETLINE which asks for it finds it waiting and a request that
+// arrives meanwhile is served at once.
+
+int Session::BlockRows(int asked) const {
+    int rows = asked > 0 ? std::min(asked, kMaxRowsAsked) : server_.Options().blockRows;
+    if (selectColumns_ > 0) rows = std::max(1, std::min(rows, kMaxBlockValues / selectColumns_));
+    return rows;
+}
+
+bool Session::FillRows(int wanted, int rowsets) {
+    int fetches = 0;
+    while (db_->IsSelectOpen() && rows_.Rows() < wanted) {
+        if (db_->Buffered() == 0 && rowsets > 0 && fetches++ >= rowsets) break;
+        bool row = false;
+        if (!db_->NextRow(kMaxBlockBytes, rows_, &row)) return false;
+    }
     return true;
 }
 
-void Session::AnswerExecuteSelect(CMsgSocket& request, CMsgSocket& answer) {
-    std::string sql;
-    if (!ReadText(request, 0, &sql)) return ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_PARAMETER);
-    ServiceLog(2, "app %d cnx %d: select %s", idApplication_, idConnexion_, Excerpt(sql).c_str());
-    int columns = 0;
-    long long rows = -1;
-    if (!db_->OpenSelect(sql, &columns, &rows)) return ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_ODBC);
-    StartAnswer(answer, KVN_EXECUTESELECT);
-    AddLong(answer, KVN_NO_ERROR);
-    AddLong(answer, SelectResultat(columns, rows));
-    AddLong(answer, KVN_NO_ERROR);  // status of the first block
-    if (!AddBlock(answer, server_.Options().blockRows)) {
-        ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_ODBC);
+void Session::PrepareNextBlock() {
+    const int wanted = BlockRows(0) + 1;  // one more tells whether another block follows
+    if (!FillRows(wanted, 1)) {
+        selectFailed_ = true;
+        preparing_ = false;
+    } else if (rows_.Rows() >= wanted || !db_->IsSelectOpen()) {
+        preparing_ = false;
     }
 }
 
-void Session::AnswerGetLine(CMsgSocket& request, CMsgSocket& answer) {
+void Session::EndSelect() {
+    db_->CloseSelect();
+    rows_.Clear();
+    selectColumns_ = 0;
+    preparing_ = false;
+    selectFailed_ = false;
+}
+
+bool Session::AnswerBlock(EncodedAnswer& answer, int fonction, std::vector<int> head, int asked) {
+    const int limit = BlockRows(asked);
+    if (selectFailed_ || !FillRows(limit + 1, 0)) {
+        EndSelect();
+        return false;
+    }
+    const int rows = rows_.Fit(limit, kMaxBlockBytes);
+    const bool more = rows_.Rows() > rows;
+    head.push_back(rows);
+    head.push_back(rows > 0 ? selectColumns_ : 0);
+    head.push_back(more ? 1 : 0);
+    CParamComm comm = server_.CommParams();
+    if (!answer.Set(idApplication_, fonction, idConnexion_, comm, head, rows_, rows, rows * selectColumns_)) {
+        EndSelect();
+        return false;
+    }
+    rows_.Drop(rows);
+    preparing_ = more;
+    return true;
+}
+
+void Session::AnswerExecuteSelect(CMsgSocket& request, EncodedAnswer& answer) {
+    std::string sql;
+    if (!ReadText(request, 0, &sql)) return ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_PARAMETER);
+    if (ServiceLogLevel() >= 2)
+        ServiceLog(2, "app %d cnx %d: select %s", idApplication_, idConnexion_, Excerpt(sql).c_str());
+    EndSelect();
+    int columns = 0;
+    long long rows = -1;
+    if (!db_->OpenSelect(sql, &columns, &rows)) return ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_ODBC);
+    selectColumns_ = columns;
+    // Status, the value beside the rows, the status of the first block.
+    if (!AnswerBlock(answer, KVN_EXECUTESELECT, {KVN_NO_ERROR, SelectResultat(columns, rows), KVN_NO_ERROR}, 0))
+        ErrorAnswer(answer, KVN_EXECUTESELECT, KVN_ERROR_ODBC);
+}
+
+void Session::AnswerGetLine(CMsgSocket& request, EncodedAnswer& answer) {
     int asked = 0;
     ReadLong(request, 0, &asked);  // 0 or absent: the service's block size
-    if (asked <= 0) asked = server_.Options().blockRows;
-    asked = std::min(asked, kMaxRowsAsked);
-    StartAnswer(answer, KVN_GETLINE);
-    AddLong(answer, KVN_NO_ERROR);
     // Without an open select the block is empty: the client reads the end of the rows.
-    if (!AddBlock(answer, asked)) ErrorAnswer(answer, KVN_GETLINE, KVN_ERROR_ODBC);
+    if (!AnswerBlock(answer, KVN_GETLINE, {KVN_NO_ERROR}, asked)) ErrorAnswer(answer, KVN_GETLINE, KVN_ERROR_ODBC);
 }
 
 void Session::AnswerTableExists(CMsgSocket& request, CMsgSocket& answer) {
@@ -290,7 +334,8 @@ void Session::AnswerRequete(CMsgSocket& request, CMsgSocket& answer) {
     // A direct request: run as a statement, answered by its status alone.
     std::string sql;
     if (!ReadText(request, 0, &sql)) return ErrorAnswer(answer, KVN_REQUETE_METABASE, KVN_ERROR_PARAMETER);
-    ServiceLog(2, "app %d cnx %d: request %s", idApplication_, idConnexion_, Excerpt(sql).c_str());
+    if (ServiceLogLevel() >= 2)
+        ServiceLog(2, "app %d cnx %d: request %s", idApplication_, idConnexion_, Excerpt(sql).c_str());
     long long rows = 0;
     if (!db_->Execute(sql, &rows)) return ErrorAnswer(answer, KVN_REQUETE_METABASE, KVN_ERROR_ODBC);
     StartAnswer(answer, KVN_REQUETE_METABASE);

@@ -296,17 +296,42 @@ std::string SqliteConnectionString(const std::string& driverPath, const std::str
     return "DRIVER=" + driverPath + ";Database=" + file + ";Timeout=10000;";
 }
 
+// A column of a select bound to buffers of a rowset's values.
+struct OdbcBoundColumn {
+    DbValue::Kind kind = DbValue::Kind::Text;
+    SQLSMALLINT cType = SQL_C_CHAR;
+    SQLLEN width = 0;          // bytes of one value in data
+    std::vector<char> data;    // the rowset's values
+    std::vector<SQLLEN> indicator;
+};
+
+// An open select. With a static cursor that can go back (so that a rowset
+// whose texts did not fit their buffers can be read again with larger ones),
+// rows come a rowset at a time into column-wise bound buffers; otherwise one
+// at a time through SQLGetData.
 struct OdbcConnexion::Cursor {
+    using Column = OdbcBoundColumn;
     SQLHSTMT stmt = SQL_NULL_HSTMT;
     std::vector<DbValue::Kind> kinds;
-    // A row read ahead to learn whether the last block was the last one.
-    std::vector<DbValue> pending;
-    std::size_t pendingBytes = 0;
-    bool hasPending = false;
+    bool rowsets = false;
+    std::vector<Column> columns;
+    std::vector<SQLUSMALLINT> status;
+    SQLULEN rowsetSize = 1;
+    SQLULEN fetched = 0;           // rows of the current rowset
+    SQLULEN next = 0;              // the next of them to hand out
+    SQLLEN rowsetStart = 1;        // position of the rowset's first row in the result, from 1
+    bool end = false;              // the database has no row after the current rowset
+};
+
+struct OdbcConnexion::Prepared {
+    std::string sql;
+    SQLHSTMT stmt = SQL_NULL_HSTMT;
+    unsigned long long lastUse = 0;
 };
 
 OdbcConnexion::OdbcConnexion()
-    : dbc_(nullptr), cursor_(nullptr), selectColumns_(0), broken_(false), postgres_(false) {}
+    : dbc_(nullptr), selectStmt_(nullptr), cursor_(nullptr), useClock_(0), selectColumns_(0), broken_(false),
+      postgres_(false) {}
 
 OdbcConnexion::~OdbcConnexion() { Close(); }
 
@@ -343,6 +368,9 @@ bool OdbcConnexion::IsOpen() const { return dbc_ != nullptr; }
 
 void OdbcConnexion::Close() {
     CloseSelect();
+    FreeStatement(selectStmt_);
+    selectStmt_ = nullptr;
+    while (!prepared_.empty()) ForgetPrepared(prepared_.back());
     if (dbc_) {
         SQLDisconnect(static_cast<SQLHDBC>(dbc_));
         SQLFreeHandle(SQL_HANDLE_DBC, static_cast<SQLHDBC>(dbc_));
@@ -411,16 +439,67 @@ bool Ran(SQLRETURN r) { return SQL_SUCCEEDED(r) || r == SQL_NO_DATA; }
 
 }  // namespace
 
+namespace {
+
+// Statements kept prepared per connection: enough for the handful of
+// statements an application repeats, few enough that a connection holds
+// little on the database's side.
+constexpr std::size_t kMaxPrepared = 32;
+
+}  // namespace
+
+OdbcConnexion::Prepared* OdbcConnexion::PreparedStatement(const std::string& sql) {
+    ++useClock_;
+    Prepared* oldest = nullptr;
+    for (Prepared* p : prepared_) {
+        if (p->sql == sql) {
+            p->lastUse = useClock_;
+            return p;
+        }
+        if (!oldest || p->lastUse < oldest->lastUse) oldest = p;
+    }
+    Prepared* p = oldest;
+    if (prepared_.size() < kMaxPrepared || !p) {
+        SQLHSTMT stmt = static_cast<SQLHSTMT>(NewStatement());
+        if (!stmt) return nullptr;
+        p = new Prepared;
+        p->stmt = stmt;
+        prepared_.push_back(p);
+    } else {
+        // The least recently used gives its handle: preparing replaces its statement.
+        SQLFreeStmt(p->stmt, SQL_CLOSE);
+    }
+    p->sql = sql;
+    p->lastUse = useClock_;
+    if (!SQL_SUCCEEDED(SQLPrepare(p->stmt, Sql(sql), SqlLength(sql)))) {
+        KeepDiagnostic(SQL_HANDLE_STMT, p->stmt, "SQLPrepare");
+        ForgetPrepared(p);
+        return nullptr;
+    }
+    return p;
+}
+
+void OdbcConnexion::ForgetPrepared(Prepared* p) {
+    prepared_.erase(std::find(prepared_.begin(), prepared_.end(), p));
+    FreeStatement(p->stmt);
+    delete p;
+}
+
 bool OdbcConnexion::Execute(const std::string& sql, long long* rowCount) {
-    StatementGuard g{NewStatement()};
-    if (!g.stmt) return false;
-    SQLHSTMT stmt = static_cast<SQLHSTMT>(g.stmt);
-    SQLRETURN r = SQLExecDirect(stmt, Sql(sql), SqlLength(sql));
+    Prepared* p = PreparedStatement(sql);
+    if (!p) return false;
+    SQLRETURN r = SQLExecute(p->stmt);
     if (!Ran(r)) {
-        KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLExecDirect");
+        // Prepared afresh next time: what failed may be the statement kept.
+        KeepDiagnostic(SQL_HANDLE_STMT, p->stmt, "SQLExecute");
+        ForgetPrepared(p);
         return false;
     }
-    *rowCount = r == SQL_NO_DATA ? 0 : RowCount(stmt);
+    *rowCount = r == SQL_NO_DATA ? 0 : RowCount(p->stmt);
+    // A statement that returned rows keeps its cursor open until closed.
+    SQLSMALLINT columns = 0;
+    if (r != SQL_NO_DATA && SQL_SUCCEEDED(SQLNumResultCols(p->stmt, &columns)) && columns > 0)
+        SQLFreeStmt(p->stmt, SQL_CLOSE);
     return true;
 }
 
@@ -623,26 +702,123 @@ bool OdbcConnexion::CallPostgres(const std::string& name, bool procedure, std::v
     return true;
 }
 
+namespace {
+
+// A rowset's bound buffers take about this much at most: a handful of rows
+// for a select of long texts, many for one of numbers.
+constexpr std::size_t kRowsetBytes = 1 << 20;
+// Rows of a rowset at most: past this, a larger rowset saves the service
+// nothing measurable.
+constexpr SQLULEN kMaxRowset = 256;
+// Bytes bound for a text value at first: four a character of the column's
+// declared size (UTF-8), within these bounds. A longer value makes its column
+// larger and its rowset read again.
+constexpr SQLLEN kMinTextWidth = 64;
+constexpr SQLLEN kFirstTextWidthMax = 4096;
+// Text beyond this many bytes is never sent (see kMaxTextBytes).
+constexpr SQLLEN kMaxTextWidth = static_cast<SQLLEN>(kMaxTextBytes) + 1;
+
+SQLLEN FixedWidth(DbValue::Kind kind) {
+    switch (kind) {
+    case DbValue::Kind::Integer:
+    case DbValue::Kind::BigInt: return sizeof(SQLBIGINT);
+    case DbValue::Kind::Double: return sizeof(double);
+    case DbValue::Kind::Timestamp: return sizeof(SQL_TIMESTAMP_STRUCT);
+    case DbValue::Kind::Text: break;
+    }
+    return 0;
+}
+
+SQLSMALLINT CTypeOf(DbValue::Kind kind) {
+    switch (kind) {
+    case DbValue::Kind::Integer:
+    case DbValue::Kind::BigInt: return SQL_C_SBIGINT;
+    case DbValue::Kind::Double: return SQL_C_DOUBLE;
+    case DbValue::Kind::Timestamp: return SQL_C_TYPE_TIMESTAMP;
+    case DbValue::Kind::Text: break;
+    }
+    return SQL_C_CHAR;
+}
+
+// A bound text whose value did not fit: the width it needs (capped), or 0.
+SQLLEN WidthNeeded(SQLLEN indicator, SQLLEN width) {
+    if (indicator == SQL_NULL_DATA || (indicator >= 0 && indicator < width)) return 0;
+    if (width >= kMaxTextWidth) return 0;  // cut where a text is cut anyway
+    const SQLLEN wanted = indicator == SQL_NO_TOTAL ? 2 * width : indicator + 1;
+    return std::min(wanted, kMaxTextWidth);
+}
+
+// Row i of a bound column as a value.
+DbValue BoundValue(const OdbcBoundColumn& col, SQLULEN i) {
+    DbValue v;
+    v.kind = col.kind;
+    v.null = col.indicator[i] == SQL_NULL_DATA;
+    if (v.null) return v;
+    const char* data = col.data.data() + static_cast<std::size_t>(col.width) * i;
+    switch (col.kind) {
+    case DbValue::Kind::Integer:
+    case DbValue::Kind::BigInt: {
+        SQLBIGINT n;
+        std::memcpy(&n, data, sizeof n);
+        v.integer = n;
+        // Read as 64 bits whatever the declared width; sent as 32 bits when
+        // they fit.
+        if (n < std::numeric_limits<std::int32_t>::min() || n > std::numeric_limits<std::int32_t>::max())
+            v.kind = DbValue::Kind::BigInt;
+        break;
+    }
+    case DbValue::Kind::Double: std::memcpy(&v.real, data, sizeof v.real); break;
+    case DbValue::Kind::Timestamp: {
+        SQL_TIMESTAMP_STRUCT ts;
+        std::memcpy(&ts, data, sizeof ts);
+        v.timestamp = FromOdbc(ts);
+        break;
+    }
+    case DbValue::Kind::Text:
+        v.text.assign(data, static_cast<std::size_t>(std::min(col.indicator[i], col.width - 1)));
+        break;
+    }
+    return v;
+}
+
+// SQLFetchScroll's success, with no row in error.
+bool RowsetRead(SQLRETURN r, const std::vector<SQLUSMALLINT>& status, SQLULEN fetched) {
+    if (!SQL_SUCCEEDED(r)) return false;
+    for (SQLULEN i = 0; i < fetched; ++i) {
+        if (status[i] == SQL_ROW_ERROR) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 bool OdbcConnexion::OpenSelect(const std::string& sql, int* columns, long long* rowCount) {
     CloseSelect();
     *rowCount = -1;
-    SQLHSTMT stmt = static_cast<SQLHSTMT>(NewStatement());
+    if (!selectStmt_) selectStmt_ = NewStatement();
+    SQLHSTMT stmt = static_cast<SQLHSTMT>(selectStmt_);
     if (!stmt) return false;
+    // A static cursor lets a rowset be read again; where the driver cannot
+    // give one, the rows come one at a time.
+    SQLFreeStmt(stmt, SQL_UNBIND);
+    SQLSetStmtAttr(stmt, SQL_ATTR_ROW_ARRAY_SIZE, reinterpret_cast<SQLPOINTER>(1), 0);
+    SQLSetStmtAttr(stmt, SQL_ATTR_CURSOR_TYPE, reinterpret_cast<SQLPOINTER>(SQL_CURSOR_STATIC), 0);
     SQLRETURN r = SQLExecDirect(stmt, Sql(sql), SqlLength(sql));
     if (!Ran(r)) {
         KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLExecDirect");
-        FreeStatement(stmt);
+        SQLFreeStmt(stmt, SQL_CLOSE);
         return false;
     }
     SQLSMALLINT count = 0;
     if (r == SQL_NO_DATA || !SQL_SUCCEEDED(SQLNumResultCols(stmt, &count)) || count <= 0) {
         *rowCount = r == SQL_NO_DATA ? 0 : RowCount(stmt);
-        FreeStatement(stmt);
+        SQLFreeStmt(stmt, SQL_CLOSE);
         *columns = 0;
         return true;
     }
     auto* cursor = new Cursor;
     cursor->stmt = stmt;
+    bool texts = false;
     for (SQLSMALLINT c = 1; c <= count; ++c) {
         SQLCHAR name[256];
         SQLSMALLINT nameLength = 0, type = 0, digits = 0, nullable = 0;
@@ -651,8 +827,24 @@ bool OdbcConnexion::OpenSelect(const std::string& sql, int* columns, long long* 
                                           &type, &size, &digits, &nullable))) {
             type = SQL_VARCHAR;
         }
-        cursor->kinds.push_back(KindOfColumn(type));
+        Cursor::Column column;
+        column.kind = KindOfColumn(type);
+        column.cType = CTypeOf(column.kind);
+        column.width = FixedWidth(column.kind);
+        if (column.kind == DbValue::Kind::Text) {
+            texts = true;
+            const SQLULEN declared = std::min<SQLULEN>(size, kFirstTextWidthMax / 4);
+            column.width = std::max<SQLLEN>(kMinTextWidth, static_cast<SQLLEN>(declared) * 4 + 1);
+        }
+        cursor->kinds.push_back(column.kind);
+        cursor->columns.push_back(std::move(column));
     }
+    SQLULEN cursorType = SQL_CURSOR_FORWARD_ONLY;
+    SQLUINTEGER staticOps = 0;
+    SQLGetStmtAttr(stmt, SQL_ATTR_CURSOR_TYPE, &cursorType, 0, nullptr);
+    SQLGetInfo(static_cast<SQLHDBC>(dbc_), SQL_STATIC_CURSOR_ATTRIBUTES1, &staticOps, sizeof(staticOps), nullptr);
+    cursor->rowsets = !texts || (cursorType == SQL_CURSOR_STATIC && (staticOps & SQL_CA1_ABSOLUTE) != 0);
+    SQLSetStmtAttr(stmt, SQL_ATTR_ROWS_FETCHED_PTR, &cursor->fetched, 0);
     cursor_ = cursor;
     selectColumns_ = count;
     *columns = count;
@@ -661,11 +853,138 @@ bool OdbcConnexion::OpenSelect(const std::string& sql, int* columns, long long* 
 
 void OdbcConnexion::CloseSelect() {
     if (cursor_) {
-        FreeStatement(cursor_->stmt);
+        SQLFreeStmt(cursor_->stmt, SQL_CLOSE);
+        SQLFreeStmt(cursor_->stmt, SQL_UNBIND);
+        SQLSetStmtAttr(cursor_->stmt, SQL_ATTR_ROWS_FETCHED_PTR, nullptr, 0);
+        SQLSetStmtAttr(cursor_->stmt, SQL_ATTR_ROW_STATUS_PTR, nullptr, 0);
         delete cursor_;
         cursor_ = nullptr;
     }
     selectColumns_ = 0;
+}
+
+int OdbcConnexion::Buffered() const {
+    return cursor_ && cursor_->rowsets ? static_cast<int>(cursor_->fetched - cursor_->next) : 0;
+}
+
+bool OdbcConnexion::FetchRowset() {
+    Cursor& c = *cursor_;
+    SQLHSTMT stmt = c.stmt;
+    c.rowsetStart += static_cast<SQLLEN>(c.fetched);
+    // Sized, and bound again, whenever a column has changed its width.
+    auto bind = [&]() {
+        std::size_t rowBytes = 0;
+        for (const Cursor::Column& col : c.columns) rowBytes += static_cast<std::size_t>(col.width) + sizeof(SQLLEN);
+        c.rowsetSize = std::max<SQLULEN>(1, std::min<SQLULEN>(kMaxRowset, kRowsetBytes / rowBytes));
+        c.status.assign(c.rowsetSize, SQL_ROW_NOROW);
+        SQLSetStmtAttr(stmt, SQL_ATTR_ROW_BIND_TYPE, reinterpret_cast<SQLPOINTER>(SQL_BIND_BY_COLUMN), 0);
+        SQLSetStmtAttr(stmt, SQL_ATTR_ROW_ARRAY_SIZE, reinterpret_cast<SQLPOINTER>(c.rowsetSize), 0);
+        SQLSetStmtAttr(stmt, SQL_ATTR_ROW_STATUS_PTR, c.status.data(), 0);
+        for (std::size_t i = 0; i < c.columns.size(); ++i) {
+            Cursor::Column& col = c.columns[i];
+            col.data.resize(static_cast<std::size_t>(col.width) * c.rowsetSize);
+            col.indicator.resize(c.rowsetSize);
+            if (!SQL_SUCCEEDED(SQLBindCol(stmt, static_cast<SQLUSMALLINT>(i + 1), col.cType, col.data.data(),
+                                          col.width, col.indicator.data()))) {
+                KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLBindCol");
+                return false;
+            }
+        }
+        return true;
+    };
+    if (c.status.empty() && !bind()) return false;
+    SQLRETURN r = SQLFetchScroll(stmt, SQL_FETCH_NEXT, 0);
+    for (;;) {
+        if (r == SQL_NO_DATA) {
+            c.fetched = 0;
+            c.next = 0;
+            c.end = true;
+            return true;
+        }
+        if (!RowsetRead(r, c.status, c.fetched)) {
+            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLFetchScroll");
+            return false;
+        }
+        bool larger = false;
+        for (Cursor::Column& col : c.columns) {
+            if (col.kind != DbValue::Kind::Text) continue;
+            SQLLEN needed = 0;
+            for (SQLULEN i = 0; i < c.fetched; ++i) needed = std::max(needed, WidthNeeded(col.indicator[i], col.width));
+            if (needed > col.width) {
+                col.width = needed;
+                larger = true;
+            }
+        }
+        if (!larger) break;
+        // Read the same rows again into larger buffers.
+        if (!bind()) return false;
+        r = SQLFetchScroll(stmt, SQL_FETCH_ABSOLUTE, c.rowsetStart);
+    }
+    c.next = 0;
+    return true;
+}
+
+bool OdbcConnexion::NextRow(std::size_t maxBytes, DbCellSink& sink, bool* row) {
+    *row = false;
+    if (!cursor_) return true;
+    Cursor& c = *cursor_;
+    std::vector<DbValue> cells;
+    std::size_t bytes = 0;
+    if (!c.rowsets) {
+        const SQLRETURN r = SQLFetch(c.stmt);
+        if (r == SQL_NO_DATA) {
+            CloseSelect();
+            return true;
+        }
+        if (!SQL_SUCCEEDED(r)) {
+            KeepDiagnostic(SQL_HANDLE_STMT, c.stmt, "SQLFetch");
+            CloseSelect();
+            return false;
+        }
+        if (!ReadRow(&cells, &bytes)) {
+            CloseSelect();
+            return false;
+        }
+    } else {
+        if (c.next == c.fetched && !c.end && !FetchRowset()) {
+            CloseSelect();
+            return false;
+        }
+        if (c.next == c.fetched) {
+            CloseSelect();
+            return true;
+        }
+        const SQLULEN i = c.next++;
+        // The wire size as WireBytes counts it, before any cell is handed out.
+        for (const Cursor::Column& col : c.columns) {
+            const SQLLEN ind = col.indicator[i];
+            if (ind == SQL_NULL_DATA) bytes += 3;
+            else if (col.kind == DbValue::Kind::Text) bytes += 3 + 2 * std::min<SQLLEN>(std::min(ind, col.width - 1), 32767);
+            else bytes += col.kind == DbValue::Kind::Integer ? 7 : col.kind == DbValue::Kind::Timestamp ? 21 : 11;
+        }
+        if (bytes <= maxBytes) {
+            // Straight from the buffers: no value is made on the way.
+            for (const Cursor::Column& col : c.columns) {
+                const SQLLEN ind = col.indicator[i];
+                const char* data = col.data.data() + static_cast<std::size_t>(col.width) * i;
+                if (ind == SQL_NULL_DATA) sink.Null(col.kind);
+                else if (col.kind == DbValue::Kind::Text) sink.Text(data, static_cast<std::size_t>(std::min(ind, col.width - 1)));
+                else sink.Value(BoundValue(col, i));
+            }
+            sink.EndRow();
+            *row = true;
+            return true;
+        }
+        for (const Cursor::Column& col : c.columns) cells.push_back(BoundValue(col, i));
+    }
+    if (bytes > maxBytes) {
+        ServiceLog(1, "a row of %zu bytes is cut to fit in one message", bytes);
+        FitRow(cells, bytes, maxBytes);
+    }
+    for (const DbValue& v : cells) sink.Value(v);
+    sink.EndRow();
+    *row = true;
+    return true;
 }
 
 bool OdbcConnexion::ReadRow(std::vector<DbValue>* cells, std::size_t* bytes) {
@@ -682,55 +1001,6 @@ bool OdbcConnexion::ReadRow(std::vector<DbValue>* cells, std::size_t* bytes) {
         cells->push_back(std::move(v));
     }
     return true;
-}
-
-bool OdbcConnexion::FetchBlock(int maxRows, std::size_t maxBytes, std::vector<DbValue>* cells, int* rows,
-                               bool* more) {
-    *rows = 0;
-    *more = false;
-    if (!cursor_) return true;
-    std::size_t total = 0;
-    if (cursor_->hasPending) {
-        total = cursor_->pendingBytes;
-        for (DbValue& v : cursor_->pending) cells->push_back(std::move(v));
-        cursor_->pending.clear();
-        cursor_->hasPending = false;
-        *rows = 1;
-    }
-    SQLHSTMT stmt = static_cast<SQLHSTMT>(cursor_->stmt);
-    for (;;) {
-        SQLRETURN r = SQLFetch(stmt);
-        if (r == SQL_NO_DATA) {
-            CloseSelect();
-            return true;
-        }
-        if (!SQL_SUCCEEDED(r)) {
-            KeepDiagnostic(SQL_HANDLE_STMT, stmt, "SQLFetch");
-            CloseSelect();
-            return false;
-        }
-        std::vector<DbValue> row;
-        std::size_t bytes = 0;
-        if (!ReadRow(&row, &bytes)) {
-            CloseSelect();
-            return false;
-        }
-        if (bytes > maxBytes) {
-            ServiceLog(1, "a row of %zu bytes is cut to fit in one message", bytes);
-            FitRow(row, bytes, maxBytes);
-        }
-        if (*rows >= maxRows || (*rows > 0 && total + bytes > maxBytes)) {
-            // The block is full: this row opens the next one.
-            cursor_->pending = std::move(row);
-            cursor_->pendingBytes = bytes;
-            cursor_->hasPending = true;
-            *more = true;
-            return true;
-        }
-        for (DbValue& v : row) cells->push_back(std::move(v));
-        total += bytes;
-        ++*rows;
-    }
 }
 
 bool OdbcConnexion::TableExists(const std::string& table, bool* exists) {

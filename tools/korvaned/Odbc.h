@@ -38,7 +38,10 @@ public:
 
     // Every operation returns false on failure, the diagnostic then in LastError().
 
-    // Runs a statement; *rowCount: rows affected (-1 when the driver cannot tell).
+    // Runs a statement; *rowCount: rows affected (-1 when the driver cannot
+    // tell). The statement stays prepared for the next time its text comes
+    // (a few dozen texts, the least recently used going first); one that
+    // fails is prepared afresh the next time.
     bool Execute(const std::string& sql, long long* rowCount);
     // Runs a statement with values bound to its markers 1, 2, ...
     bool ExecuteBind(const std::string& sql, const std::vector<DbValue>& params, long long* rowCount);
@@ -52,12 +55,15 @@ public:
     // for a statement without result set, which is then already done, with
     // *rowCount the rows it affected, -1 when the driver cannot tell).
     bool OpenSelect(const std::string& sql, int* columns, long long* rowCount);
-    // The next rows of the open select, row by row into cells: at most
-    // maxRows rows, and no further row once the cells would pass maxBytes on
-    // the wire (a first row is always taken). *more tells whether rows remain;
-    // the select is closed when none does. Without open select: no row.
-    bool FetchBlock(int maxRows, std::size_t maxBytes, std::vector<DbValue>* cells, int* rows,
-                    bool* more);
+    // Hands the next row of the open select to sink, cell after cell; *row
+    // is false when no row is left, and the select is then closed. A row
+    // whose cells would take more than maxBytes on the wire has its longest
+    // texts cut until it fits. false on a database error (the select is then
+    // closed too).
+    bool NextRow(std::size_t maxBytes, DbCellSink& sink, bool* row);
+    // Rows that NextRow hands out before it has to ask the database again.
+    int Buffered() const;
+    bool IsSelectOpen() const { return cursor_ != nullptr; }
     int SelectColumns() const { return selectColumns_; }
     void CloseSelect();
 
@@ -70,18 +76,28 @@ public:
 
 private:
     struct Cursor;
+    struct Prepared;
 
     // Keeps the diagnostic records of handle (type: SQL_HANDLE_*) as the last error.
     void KeepDiagnostic(short handleType, void* handle, const char* what);
     void* NewStatement();
     static void FreeStatement(void* stmt);
+    // The prepared statement of sql, preparing it (in place of the least
+    // recently used one when there are enough) when it is not; null on failure.
+    Prepared* PreparedStatement(const std::string& sql);
+    void ForgetPrepared(Prepared* p);
+    // The select's next rowset into its bound columns; false on error.
+    bool FetchRowset();
     bool ReadRow(std::vector<DbValue>* cells, std::size_t* bytes);
     // PostgreSQL: whether name is a procedure rather than a function.
     bool IsPostgresProcedure(const std::string& name, bool* procedure);
     bool CallPostgres(const std::string& name, bool procedure, std::vector<DbProcParam>& params);
 
     void* dbc_;
+    void* selectStmt_;  // the statement handle of every select, kept between them
     Cursor* cursor_;
+    std::vector<Prepared*> prepared_;
+    unsigned long long useClock_;
     int selectColumns_;
     bool broken_;
     bool postgres_;  // the data source is PostgreSQL (its call forms differ)

@@ -55,7 +55,13 @@ void Session::Serve() {
     const DWORD start = KvnGetTickCount();
     int badMessages = 0;
     for (;;) {
-        const DWORD w = KvnWaitForSingleObject(readable, kIdleCheckMs);
+        // While the next block of a select is being made ready, only a look:
+        // a request that arrives is served before the next step.
+        const DWORD w = KvnWaitForSingleObject(readable, preparing_ ? 0 : kIdleCheckMs);
+        if (w == WAIT_TIMEOUT && preparing_) {
+            PrepareNextBlock();
+            continue;
+        }
         if (w == WAIT_TIMEOUT) {
             if (role_ == Role::Unknown && KvnGetTickCount() - start >= kRegistrationWaitMs) {
                 ServiceLog(1, "link %lu: no registration, dropped", serial_);

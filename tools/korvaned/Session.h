@@ -12,10 +12,12 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <korvane/CMsgSocket.h>
 
 #include "Odbc.h"
+#include "Values.h"
 
 class Server;
 
@@ -54,8 +56,8 @@ private:
     // Opens the link's database connection when it is not open yet.
     bool EnsureDatabase();
     void AnswerExecute(CMsgSocket& request, CMsgSocket& answer);
-    void AnswerExecuteSelect(CMsgSocket& request, CMsgSocket& answer);
-    void AnswerGetLine(CMsgSocket& request, CMsgSocket& answer);
+    void AnswerExecuteSelect(CMsgSocket& request, EncodedAnswer& answer);
+    void AnswerGetLine(CMsgSocket& request, EncodedAnswer& answer);
     void AnswerTableExists(CMsgSocket& request, CMsgSocket& answer);
     void AnswerColumnExists(CMsgSocket& request, CMsgSocket& answer);
     void AnswerColumns(CMsgSocket& request, CMsgSocket& answer);
@@ -63,8 +65,21 @@ private:
     void AnswerStoredProc(CMsgSocket& request, CMsgSocket& answer);
     void AnswerErrorText(CMsgSocket& answer);
     void AnswerRequete(CMsgSocket& request, CMsgSocket& answer);
-    // Adds rows, columns, more-rows flag and the cells of the select's next block.
-    bool AddBlock(CMsgSocket& answer, int rowsAsked);
+    // ---- The rows of a select (DatabaseRequests.cpp) --------------------------
+    // Rows in a block: those asked (0: the service's block size), within
+    // what a message holds.
+    int BlockRows(int asked) const;
+    // Reads rows of the open select into rows_ until it holds `wanted` or the
+    // select ends, asking the database for at most `rowsets` rowsets (0: as
+    // many as it takes). false on a database error.
+    bool FillRows(int wanted, int rowsets);
+    // Answers `fonction` with the values of `head`, then rows, columns,
+    // more-rows flag and the cells of the next block. false on a database
+    // error (the select is then over).
+    bool AnswerBlock(EncodedAnswer& answer, int fonction, std::vector<int> head, int asked);
+    // One step of making the next block ready while the link is quiet.
+    void PrepareNextBlock();
+    void EndSelect();
 
     // Starts an answer to `fonction` on this link (header set, no parameter).
     void StartAnswer(CMsgSocket& answer, int fonction);
@@ -82,6 +97,13 @@ private:
     int idApplication_;
     int idConnexion_;
     std::unique_ptr<OdbcConnexion> db_;
+    // The open select: rows read and encoded but not sent yet, its column
+    // count, whether the next block is still being made ready, and whether
+    // reading it failed (the next GETLINE then answers the error).
+    WireRows rows_;
+    int selectColumns_ = 0;
+    bool preparing_ = false;
+    bool selectFailed_ = false;
     bool answeredError_;  // ErrorAnswer was used since the request came
 };
 

@@ -2,9 +2,13 @@
 #include "Values.h"
 
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <limits>
+#include <new>
 
 #include "Text.h"
+#include "protocol/WireHeader.h"
 #include "protocol/WireText.h"
 
 namespace {
@@ -131,4 +135,159 @@ void AddDbValue(CMsgSocket& message, const DbValue& value, int textType) {
         AddText(message, value.text, textType);
         break;
     }
+}
+
+// ---- Rows as they travel -----------------------------------------------------------
+
+namespace {
+
+constexpr std::size_t kHead = 3;              // type byte and 16-bit size of a record
+constexpr std::uint16_t kNullSize = 0xFFFF;
+constexpr std::size_t kTimestampDigits = 18;  // DDMMYYYYhhmmss then 0000
+
+// Writes `digits` decimal digits of v at out.
+void Digits(BYTE* out, unsigned v, int digits) {
+    for (int i = digits - 1; i >= 0; --i, v /= 10) out[i] = static_cast<BYTE>('0' + v % 10);
+}
+
+}  // namespace
+
+void WireRows::Head(int type, std::size_t size) {
+    const std::size_t at = bytes_.size();
+    bytes_.resize(at + kHead);
+    bytes_[at] = static_cast<BYTE>(type);
+    PutLE16(&bytes_[at + 1], static_cast<std::uint16_t>(size));
+}
+
+void WireRows::Null(DbValue::Kind kind) { Head(TypeOfKind(kind), kNullSize); }
+
+void WireRows::Integer(std::int64_t value) {
+    Head(SQL_C_LONG, 4);
+    const std::size_t at = bytes_.size();
+    bytes_.resize(at + 4);
+    PutLE32(&bytes_[at], static_cast<std::uint32_t>(static_cast<std::int32_t>(value)));
+}
+
+void WireRows::BigInt(std::int64_t value) {
+    Head(SQL_C_SBIGINT, 8);
+    const std::size_t at = bytes_.size();
+    bytes_.resize(at + 8);
+    PutLE64(&bytes_[at], static_cast<std::uint64_t>(value));
+}
+
+void WireRows::Double(double value) {
+    Head(SQL_C_DOUBLE, 8);
+    std::uint64_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    const std::size_t at = bytes_.size();
+    bytes_.resize(at + 8);
+    PutLE64(&bytes_[at], bits);
+}
+
+void WireRows::Timestamp(const DbTimestamp& value) {
+    // The fields as AddDbValue narrows them, written as the encoder writes
+    // them: day, month, year, hour, minute, second, and no fraction.
+    const int day = static_cast<std::uint16_t>(value.day), month = static_cast<std::uint16_t>(value.month);
+    const int year = static_cast<std::int16_t>(value.year), hour = static_cast<std::uint16_t>(value.hour);
+    const int minute = static_cast<std::uint16_t>(value.minute), second = static_cast<std::uint16_t>(value.second);
+    Head(SQL_C_TIMESTAMP, kTimestampDigits);
+    const std::size_t at = bytes_.size();
+    bytes_.resize(at + kTimestampDigits);
+    BYTE* out = &bytes_[at];
+    if (day <= 99 && month <= 99 && year >= 0 && year <= 9999 && hour <= 99 && minute <= 99 && second <= 99) {
+        Digits(out, day, 2);
+        Digits(out + 2, month, 2);
+        Digits(out + 4, year, 4);
+        Digits(out + 8, hour, 2);
+        Digits(out + 10, minute, 2);
+        Digits(out + 12, second, 2);
+        std::memset(out + 14, '0', 4);
+        return;
+    }
+    // A field beyond its digits makes a longer text, of which the first 18
+    // characters go.
+    char text[64];
+    std::snprintf(text, sizeof text, "%02d%02d%04d%02d%02d%02d0000", day, month, year, hour, minute, second);
+    std::memcpy(out, text, kTimestampDigits);
+}
+
+void WireRows::Text(const char* utf8, std::size_t bytes) {
+    // The common case, ASCII: a byte is a code unit. The text ends at its
+    // first NUL, as a wide string does.
+    std::size_t n = 0;
+    while (n < bytes && utf8[n] != 0 && static_cast<unsigned char>(utf8[n]) < 0x80) ++n;
+    if (n == bytes || utf8[n] == 0) {
+        const std::size_t units = n < static_cast<std::size_t>(kMaxTextUnits) ? n : kMaxTextUnits;
+        Head(SQL_C_CHAR, units);
+        const std::size_t at = bytes_.size();
+        bytes_.resize(at + 2 * units);
+        BYTE* out = &bytes_[at];
+        for (std::size_t i = 0; i < units; ++i, out += 2) {
+            out[0] = static_cast<BYTE>(utf8[i]);
+            out[1] = 0;
+        }
+        return;
+    }
+    // Anything else as AddText and the encoder take it: to wide characters,
+    // up to the first NUL, at most kMaxTextUnits code units.
+    const std::wstring wide = FromUtf8(std::string(utf8, bytes));
+    std::size_t units = 0;
+    WireFitUnits(wide.c_str(), WireTextLength(wide.c_str(), wide.size()), kMaxTextUnits, &units);
+    Head(SQL_C_CHAR, units);
+    const std::size_t at = bytes_.size();
+    bytes_.resize(at + 2 * units);
+    WireWriteUtf16(wide.c_str(), units, &bytes_[at]);
+}
+
+void WireRows::EndRow() { ends_.push_back(bytes_.size()); }
+
+int WireRows::Fit(int maxRows, std::size_t maxBytes) const {
+    int n = 0;
+    const std::size_t start = Start();
+    while (n < Rows() && n < maxRows && (n == 0 || ends_[first_ + n] - start <= maxBytes)) ++n;
+    return n;
+}
+
+void WireRows::Drop(int n) {
+    first_ += static_cast<std::size_t>(n);
+    if (first_ < ends_.size() && first_ * 2 < ends_.size()) return;
+    // Compacted once half of the rows are gone: what is left is at most a
+    // block ahead.
+    const std::size_t start = Start();
+    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(start));
+    ends_.erase(ends_.begin(), ends_.begin() + static_cast<std::ptrdiff_t>(first_));
+    for (std::size_t& end : ends_) end -= start;
+    first_ = 0;
+}
+
+void WireRows::Clear() {
+    bytes_.clear();
+    ends_.clear();
+    first_ = 0;
+}
+
+bool EncodedAnswer::Set(int idApplication, int fonction, int idConnexion, CParamComm& comm,
+                        const std::vector<int>& longs, const WireRows& cells, int rows, int values) {
+    SetEntete(idApplication, fonction, idConnexion);
+    SetParamComm(&comm);
+    const std::size_t cellBytes = cells.BytesOf(rows);
+    const std::size_t body = longs.size() * (kHead + 4) + cellBytes;
+    m_pMessage = new (std::nothrow) BYTE[KVN_TAILLE_ENTETE + body];
+    if (!m_pMessage) return false;
+    m_entete.nNbParam = static_cast<std::int32_t>(longs.size()) + values;
+    m_entete.nTailleData = static_cast<std::uint32_t>(body);
+    m_entete.bUnicode = 1;
+    m_nNbParam = m_entete.nNbParam;
+    m_nTailleMessage = static_cast<int>(KVN_TAILLE_ENTETE + body);
+    EncodeEntete(m_entete, m_pMessage);
+    BYTE* out = m_pMessage + KVN_TAILLE_ENTETE;
+    for (int v : longs) {
+        out[0] = SQL_C_LONG;
+        PutLE16(out + 1, 4);
+        PutLE32(out + 3, static_cast<std::uint32_t>(v));
+        out += kHead + 4;
+    }
+    if (cellBytes) std::memcpy(out, cells.Data(), cellBytes);
+    m_bMessagePret = 1;
+    return true;
 }

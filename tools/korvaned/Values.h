@@ -3,7 +3,9 @@
 #ifndef KORVANED_VALUES_H
 #define KORVANED_VALUES_H
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include <korvane/CMsgSocket.h>
 
@@ -31,5 +33,51 @@ void AddDbValue(CMsgSocket& message, const DbValue& value, int textType = SQL_C_
 
 // The message's type code for a database value's kind (texts: SQL_C_CHAR).
 int TypeOfKind(DbValue::Kind kind);
+
+// ---- Rows as they travel -----------------------------------------------------------
+
+// Rows of a select encoded as they go on the wire, waiting to be sent: the
+// records of their cells one after the other, and where each row ends. The
+// bytes are those that AddDbValue and CMsgSocket's encoder give the same
+// values, without a CParam a cell.
+class WireRows : public DbCellSink {
+public:
+    void Null(DbValue::Kind kind) override;
+    void Integer(std::int64_t value) override;
+    void BigInt(std::int64_t value) override;
+    void Double(double value) override;
+    void Timestamp(const DbTimestamp& value) override;
+    void Text(const char* utf8, std::size_t bytes) override;
+    void EndRow() override;
+
+    // Complete rows waiting.
+    int Rows() const { return static_cast<int>(ends_.size() - first_); }
+    // How many of the first rows to send: at most maxRows, and no more than
+    // keep their records within maxBytes (one row at least).
+    int Fit(int maxRows, std::size_t maxBytes) const;
+    // The records of the first n rows.
+    const BYTE* Data() const { return bytes_.data() + Start(); }
+    std::size_t BytesOf(int n) const { return n > 0 ? ends_[first_ + n - 1] - Start() : 0; }
+    // The first n rows have been sent.
+    void Drop(int n);
+    void Clear();
+
+private:
+    std::size_t Start() const { return first_ > 0 ? ends_[first_ - 1] : 0; }
+    void Head(int type, std::size_t size);
+
+    std::vector<BYTE> bytes_;
+    std::vector<std::size_t> ends_;  // where each row's records end in bytes_
+    std::size_t first_ = 0;          // rows of ends_ already sent
+};
+
+// An answer whose records the service encoded itself: 32-bit values first
+// (the status and what precedes the cells), then the records of the first
+// `rows` rows of `cells`, `values` records in all.
+class EncodedAnswer : public CMsgSocket {
+public:
+    bool Set(int idApplication, int fonction, int idConnexion, CParamComm& comm, const std::vector<int>& longs,
+             const WireRows& cells, int rows, int values);
+};
 
 #endif
