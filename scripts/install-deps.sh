@@ -11,6 +11,8 @@ packages+=(unixodbc-dev libsqliteodbc)
 # korvaned's configuration file is read by inih; the installed package is
 # checked with pkg-config.
 packages+=(libinih-dev pkg-config)
+# The select benchmark measures beside sqlite3 and libpq called directly.
+packages+=(libsqlite3-dev libpq-dev)
 if [ "$what" = test ]; then
   packages+=(doxygen)  # the API reference
 fi
