@@ -13,6 +13,10 @@
 // the same run is what counts.
 //
 //   SelectBench [--rows N] [--rounds R] [--executes N] [--blocks 10,100,...] [--no-postgres]
+//   SelectBench --execute-on PORT --executes N
+// The second form only runs the repeated statement N times on a service
+// already listening on PORT (bench/execute-instructions.sh counts what the
+// service spends on it).
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -48,6 +52,7 @@ struct Options {
     int executes = 2000;
     std::vector<int> blocks = {10, 100, 1000, 5000};
     bool postgres = true;
+    unsigned short executeOnPort = 0;  // only Execute, on a service already running there
 };
 
 const char* const kSelect = "SELECT id, name, amount, stamp, maybe FROM t ORDER BY id";
@@ -328,6 +333,7 @@ bool ParseArgs(int argc, char** argv, Options& o) {
         if (i + 1 >= argc) return false;
         const char* v = argv[++i];
         if (a == "--rows") o.rows = std::atoi(v);
+        else if (a == "--execute-on") o.executeOnPort = static_cast<unsigned short>(std::atoi(v));
         else if (a == "--rounds") o.rounds = std::atoi(v);
         else if (a == "--executes") o.executes = std::atoi(v);
         else if (a == "--blocks") {
@@ -351,6 +357,17 @@ int main(int argc, char** argv) {
         return 2;
     }
     SockInitWinSock();
+    const wchar_t* const repeated = L"UPDATE counter SET v = v + 1 WHERE id = 1";
+    if (o.executeOnPort != 0) {
+        Session s(o.executeOnPort);
+        int resultat = 0;
+        const bool ok = s.Ok() && s.client.Execute(s.hCnx, L"DROP TABLE IF EXISTS counter", resultat) == 0 &&
+                        s.client.Execute(s.hCnx, L"CREATE TABLE counter (id INTEGER PRIMARY KEY, v INTEGER)", resultat) == 0 &&
+                        s.client.Execute(s.hCnx, L"INSERT INTO counter VALUES (1, 0)", resultat) == 0 &&
+                        ExecuteMicros(s, o.executes, [&](int) { return std::wstring(repeated); }) >= 0;
+        SockCloseWinSock();
+        return ok ? 0 : 1;
+    }
     std::random_device random;
     const fs::path dir = fs::temp_directory_path() / ("kvn-selectbench-" + std::to_string(random()));
     fs::create_directories(dir);
@@ -407,8 +424,8 @@ int main(int argc, char** argv) {
         results.push_back(Best("KorvaneClient + korvaned, blocks of " + std::to_string(block), o.rounds, expected,
                                [&] { return ReadKorvane(s); }));
     }
-#ifdef KVN_BENCH_LIBPQ
     std::string pgDriver;
+#ifdef KVN_BENCH_LIBPQ
     for (const char* place : {"/usr/lib/x86_64-linux-gnu/odbc/psqlodbcw.so", "/usr/lib/aarch64-linux-gnu/odbc/psqlodbcw.so",
                               "/usr/lib/odbc/psqlodbcw.so", "/usr/lib64/psqlodbcw.so"}) {
         if (pgDriver.empty() && std::ifstream(place).good()) pgDriver = place;
@@ -426,25 +443,36 @@ int main(int argc, char** argv) {
     Print(results, 5);
 
     // Execute: the same statement again and again, which the service can keep
-    // prepared, against statements that are each new to it.
-    {
-        Service service(dir, {"--database", file}, 100);
+    // prepared, against statements that are each new to it; on an in-memory
+    // SQLite database (a file would time its disk) and on PostgreSQL.
+    std::vector<std::pair<std::string, std::vector<std::string>>> executeOn = {
+        {"SQLite in memory", {"--database", ":memory:"}}};
+#ifdef KVN_BENCH_LIBPQ
+    if (pg && !pgDriver.empty())
+        executeOn.push_back({"PostgreSQL", {"--odbc", "DRIVER=" + pgDriver + ";Servername=127.0.0.1;Port=" + pgPortText +
+                                                          ";Database=korvane;Username=postgres;Password=;"}});
+#endif
+    std::printf("\nExecute through korvaned, %d a round, best of %d (microseconds):\n", o.executes, o.rounds);
+    for (const auto& target : executeOn) {
+        Service service(dir, target.second, 100);
         Session s(service.Port());
-        if (s.Ok()) {
-            const auto same = [](int) { return std::wstring(L"UPDATE counter SET v = v + 1 WHERE id = 1"); };
-            const auto fresh = [](int i) {
-                return L"UPDATE counter SET v = v + " + std::to_wstring(i + 1) + L" WHERE id = 1";
-            };
-            double cached = 1e9, uncached = 1e9;
-            for (int r = 0; r < o.rounds; r++) {
-                cached = std::min(cached, ExecuteMicros(s, o.executes, same));
-                uncached = std::min(uncached, ExecuteMicros(s, o.executes, [&](int i) { return fresh(r * o.executes + i); }));
-            }
-            std::printf("\nExecute on SQLite through korvaned, %d a round, best of %d:\n", o.executes, o.rounds);
-            std::printf("  the same statement each time: %8.1f us\n", cached);
-            std::printf("  a new statement each time:    %8.1f us  (%.2f times the first)\n", uncached,
-                        uncached / cached);
+        int resultat = 0;
+        if (!s.Ok() || s.client.Execute(s.hCnx, L"DROP TABLE IF EXISTS counter", resultat) != 0 ||
+            s.client.Execute(s.hCnx, L"CREATE TABLE counter (id INTEGER PRIMARY KEY, v INTEGER)", resultat) != 0 ||
+            s.client.Execute(s.hCnx, L"INSERT INTO counter VALUES (1, 0)", resultat) != 0) {
+            std::printf("  %s: the table could not be made\n", target.first.c_str());
+            continue;
         }
+        const auto same = [&](int) { return std::wstring(repeated); };
+        double cached = 1e9, uncached = 1e9;
+        for (int r = 0; r < o.rounds; r++) {
+            cached = std::min(cached, ExecuteMicros(s, o.executes, same));
+            uncached = std::min(uncached, ExecuteMicros(s, o.executes, [&](int i) {
+                return L"UPDATE counter SET v = v + " + std::to_wstring(r * o.executes + i + 1) + L" WHERE id = 1";
+            }));
+        }
+        std::printf("  %-18s the same statement %7.1f, a new one each time %7.1f (%.2f times)\n",
+                    (target.first + ":").c_str(), cached, uncached, uncached / cached);
     }
 
 #ifdef KVN_BENCH_LIBPQ

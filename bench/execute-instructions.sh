@@ -4,16 +4,18 @@
 #
 #   bench/execute-instructions.sh BUILD_DIR [N]
 #
-# korvaned runs under callgrind on a SQLite file; kvnsql sends the same UPDATE
-# N times, then 3N times, each in a run of its own. The difference between
-# the two totals, divided by 2N, is the cost of one more Execute: the start,
-# the registration and the connection cancel out. Needs valgrind.
+# korvaned runs under callgrind on a SQLite file (KVN_DATABASE=:memory: for an
+# in-memory database, KVN_ODBC=<connection string> for another data source,
+# where a table "counter" is made anew); SelectBench --execute-on sends the same UPDATE with
+# Execute N times, then 3N times, each in a run of its own. The difference
+# between the two totals, divided by 2N, is the cost of one more Execute: the
+# start, the registration and the connection cancel out. Needs valgrind.
 set -euo pipefail
 build=${1:?usage: execute-instructions.sh BUILD_DIR [N]}
 n=${2:-500}
 korvaned=$build/tools/korvaned
-kvnsql=$build/tools/kvnsql/kvnsql
-[ -x "$korvaned" ] && [ -x "$kvnsql" ] || { echo "no korvaned or kvnsql in $build" >&2; exit 1; }
+driver=$build/bench/SelectBench
+[ -x "$korvaned" ] && [ -x "$driver" ] || { echo "no korvaned or SelectBench in $build" >&2; exit 1; }
 command -v valgrind >/dev/null || { echo "valgrind is not installed" >&2; exit 77; }
 
 dir=$(mktemp -d)
@@ -24,16 +26,11 @@ run() {
   local count=$1 out=$dir/callgrind.$1
   rm -f "$dir/port" "$dir/db"
   valgrind --tool=callgrind --callgrind-out-file="$out" "$korvaned" --port 0 --port-file "$dir/port" \
-    --database "$dir/db" --hb-mode unicast --hb-address 127.0.0.1 --hb-port 9 --log-level 0 \
+    ${KVN_ODBC:+--odbc "$KVN_ODBC"} --database "${KVN_DATABASE:-$dir/db}" --hb-mode unicast --hb-address 127.0.0.1 --hb-port 9 --log-level 0 \
     2>"$dir/valgrind.$count" &
   local pid=$!
   for _ in $(seq 600); do [ -s "$dir/port" ] && break; sleep 0.1; done
-  {
-    echo "CREATE TABLE counter (id INTEGER PRIMARY KEY, v INTEGER);"
-    echo "INSERT INTO counter VALUES (1, 0);"
-    for _ in $(seq "$count"); do echo "UPDATE counter SET v = v + 1 WHERE id = 1;"; done
-  } >"$dir/script.sql"
-  "$kvnsql" -p "$(cat "$dir/port")" -f "$dir/script.sql" >/dev/null
+  "$driver" --execute-on "$(cat "$dir/port")" --executes "$count"
   kill -TERM "$pid"
   wait "$pid" || true
   grep -E '^(summary|totals):' "$out" | head -n 1 | awk '{print $2}'

@@ -43,6 +43,15 @@ void AppendWide(std::wstring& out, char32_t c) {
 std::string ToUtf8(const wchar_t* text) {
     std::string out;
     if (!text) return out;
+    // Every statement comes through here: ASCII, the usual case, a byte a
+    // character without the general encoder.
+    std::size_t n = 0;
+    while (text[n] != 0 && static_cast<std::uint32_t>(text[n]) < 0x80) ++n;
+    if (text[n] == 0) {
+        out.resize(n);
+        for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<char>(text[i]);
+        return out;
+    }
     for (const wchar_t* p = text; *p; ++p) {
         char32_t c = static_cast<char32_t>(static_cast<std::uint32_t>(*p));
         if (sizeof(wchar_t) == 2 && c >= 0xD800 && c <= 0xDBFF && p[1] >= 0xDC00 && p[1] <= 0xDFFF) {
