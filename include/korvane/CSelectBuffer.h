@@ -36,6 +36,9 @@ public:
     CParam* GetParam(int col);
 
 private:
+    // Frees the values, without the lock.
+    void Libere();
+
     CMutex m_mutexLigne;
     CPtrArray m_arrayParam;
     // The values made by AddCopies on an empty row, in one block (new[]):

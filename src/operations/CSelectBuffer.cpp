@@ -53,7 +53,8 @@ CLigneSelect::CLigneSelect() : m_pBloc(nullptr), m_nBloc(0) {}
 
 CLigneSelect::CLigneSelect(CLigneSelect& other) : m_pBloc(nullptr), m_nBloc(0) { *this = other; }
 
-CLigneSelect::~CLigneSelect() { VideLigne(); }
+// A row being destroyed has no other user: its values go without its lock.
+CLigneSelect::~CLigneSelect() { Libere(); }
 
 CLigneSelect& CLigneSelect::operator=(CLigneSelect& other) {
     if (this == &other) return *this;
@@ -137,6 +138,10 @@ BOOL CLigneSelect::AddCopies(CParam* const* valeurs, int n) {
 
 void CLigneSelect::VideLigne() {
     ScopedLock lock(m_mutexLigne);
+    Libere();
+}
+
+void CLigneSelect::Libere() {
     for (int i = 0; i < m_arrayParam.GetSize(); i++) delete static_cast<CParam*>(m_arrayParam.GetAt(i));
     m_arrayParam.RemoveAll();
     if (m_pBloc) {

@@ -781,6 +781,34 @@ DbValue BoundValue(const OdbcBoundColumn& col, SQLULEN i) {
     return v;
 }
 
+// Row i of a bound column handed to sink.
+void EmitBound(const OdbcBoundColumn& col, SQLULEN i, DbCellSink& sink) {
+    const SQLLEN ind = col.indicator[i];
+    const char* data = col.data.data() + static_cast<std::size_t>(col.width) * i;
+    if (ind == SQL_NULL_DATA) return sink.Null(col.kind);
+    switch (col.kind) {
+    case DbValue::Kind::Integer:
+    case DbValue::Kind::BigInt: {
+        SQLBIGINT n;
+        std::memcpy(&n, data, sizeof n);
+        if (n < std::numeric_limits<std::int32_t>::min() || n > std::numeric_limits<std::int32_t>::max())
+            return sink.BigInt(n);
+        return col.kind == DbValue::Kind::Integer ? sink.Integer(n) : sink.BigInt(n);
+    }
+    case DbValue::Kind::Double: {
+        double d;
+        std::memcpy(&d, data, sizeof d);
+        return sink.Double(d);
+    }
+    case DbValue::Kind::Timestamp: {
+        SQL_TIMESTAMP_STRUCT ts;
+        std::memcpy(&ts, data, sizeof ts);
+        return sink.Timestamp(FromOdbc(ts));
+    }
+    case DbValue::Kind::Text: return sink.Text(data, static_cast<std::size_t>(std::min(ind, col.width - 1)));
+    }
+}
+
 // SQLFetchScroll's success, with no row in error.
 bool RowsetRead(SQLRETURN r, const std::vector<SQLUSMALLINT>& status, SQLULEN fetched) {
     if (!SQL_SUCCEEDED(r)) return false;
@@ -964,13 +992,7 @@ bool OdbcConnexion::NextRow(std::size_t maxBytes, DbCellSink& sink, bool* row) {
         }
         if (bytes <= maxBytes) {
             // Straight from the buffers: no value is made on the way.
-            for (const Cursor::Column& col : c.columns) {
-                const SQLLEN ind = col.indicator[i];
-                const char* data = col.data.data() + static_cast<std::size_t>(col.width) * i;
-                if (ind == SQL_NULL_DATA) sink.Null(col.kind);
-                else if (col.kind == DbValue::Kind::Text) sink.Text(data, static_cast<std::size_t>(std::min(ind, col.width - 1)));
-                else sink.Value(BoundValue(col, i));
-            }
+            for (const Cursor::Column& col : c.columns) EmitBound(col, i, sink);
             sink.EndRow();
             *row = true;
             return true;

@@ -152,36 +152,42 @@ void Digits(BYTE* out, unsigned v, int digits) {
 
 }  // namespace
 
-void WireRows::Head(int type, std::size_t size) {
-    const std::size_t at = bytes_.size();
-    bytes_.resize(at + kHead);
-    bytes_[at] = static_cast<BYTE>(type);
-    PutLE16(&bytes_[at + 1], static_cast<std::uint16_t>(size));
+BYTE* WireRows::Append(std::size_t n) {
+    if (size_ + n > capacity_) {
+        std::size_t capacity = capacity_ ? capacity_ : 64 * 1024;
+        while (capacity < size_ + n) capacity *= 2;
+        std::unique_ptr<BYTE[]> bigger(new BYTE[capacity]);
+        if (size_) std::memcpy(bigger.get(), bytes_.get(), size_);
+        bytes_ = std::move(bigger);
+        capacity_ = capacity;
+    }
+    BYTE* at = bytes_.get() + size_;
+    size_ += n;
+    return at;
 }
 
-void WireRows::Null(DbValue::Kind kind) { Head(TypeOfKind(kind), kNullSize); }
+// The record's head; returns where its valueBytes go.
+BYTE* WireRows::Head(int type, std::size_t size, std::size_t valueBytes) {
+    BYTE* at = Append(kHead + valueBytes);
+    at[0] = static_cast<BYTE>(type);
+    PutLE16(at + 1, static_cast<std::uint16_t>(size));
+    return at + kHead;
+}
+
+void WireRows::Null(DbValue::Kind kind) { Head(TypeOfKind(kind), kNullSize, 0); }
 
 void WireRows::Integer(std::int64_t value) {
-    Head(SQL_C_LONG, 4);
-    const std::size_t at = bytes_.size();
-    bytes_.resize(at + 4);
-    PutLE32(&bytes_[at], static_cast<std::uint32_t>(static_cast<std::int32_t>(value)));
+    PutLE32(Head(SQL_C_LONG, 4, 4), static_cast<std::uint32_t>(static_cast<std::int32_t>(value)));
 }
 
 void WireRows::BigInt(std::int64_t value) {
-    Head(SQL_C_SBIGINT, 8);
-    const std::size_t at = bytes_.size();
-    bytes_.resize(at + 8);
-    PutLE64(&bytes_[at], static_cast<std::uint64_t>(value));
+    PutLE64(Head(SQL_C_SBIGINT, 8, 8), static_cast<std::uint64_t>(value));
 }
 
 void WireRows::Double(double value) {
-    Head(SQL_C_DOUBLE, 8);
     std::uint64_t bits;
     std::memcpy(&bits, &value, sizeof bits);
-    const std::size_t at = bytes_.size();
-    bytes_.resize(at + 8);
-    PutLE64(&bytes_[at], bits);
+    PutLE64(Head(SQL_C_DOUBLE, 8, 8), bits);
 }
 
 void WireRows::Timestamp(const DbTimestamp& value) {
@@ -190,10 +196,7 @@ void WireRows::Timestamp(const DbTimestamp& value) {
     const int day = static_cast<std::uint16_t>(value.day), month = static_cast<std::uint16_t>(value.month);
     const int year = static_cast<std::int16_t>(value.year), hour = static_cast<std::uint16_t>(value.hour);
     const int minute = static_cast<std::uint16_t>(value.minute), second = static_cast<std::uint16_t>(value.second);
-    Head(SQL_C_TIMESTAMP, kTimestampDigits);
-    const std::size_t at = bytes_.size();
-    bytes_.resize(at + kTimestampDigits);
-    BYTE* out = &bytes_[at];
+    BYTE* out = Head(SQL_C_TIMESTAMP, kTimestampDigits, kTimestampDigits);
     if (day <= 99 && month <= 99 && year >= 0 && year <= 9999 && hour <= 99 && minute <= 99 && second <= 99) {
         Digits(out, day, 2);
         Digits(out + 2, month, 2);
@@ -218,10 +221,7 @@ void WireRows::Text(const char* utf8, std::size_t bytes) {
     while (n < bytes && utf8[n] != 0 && static_cast<unsigned char>(utf8[n]) < 0x80) ++n;
     if (n == bytes || utf8[n] == 0) {
         const std::size_t units = n < static_cast<std::size_t>(kMaxTextUnits) ? n : kMaxTextUnits;
-        Head(SQL_C_CHAR, units);
-        const std::size_t at = bytes_.size();
-        bytes_.resize(at + 2 * units);
-        BYTE* out = &bytes_[at];
+        BYTE* out = Head(SQL_C_CHAR, units, 2 * units);
         for (std::size_t i = 0; i < units; ++i, out += 2) {
             out[0] = static_cast<BYTE>(utf8[i]);
             out[1] = 0;
@@ -233,13 +233,10 @@ void WireRows::Text(const char* utf8, std::size_t bytes) {
     const std::wstring wide = FromUtf8(std::string(utf8, bytes));
     std::size_t units = 0;
     WireFitUnits(wide.c_str(), WireTextLength(wide.c_str(), wide.size()), kMaxTextUnits, &units);
-    Head(SQL_C_CHAR, units);
-    const std::size_t at = bytes_.size();
-    bytes_.resize(at + 2 * units);
-    WireWriteUtf16(wide.c_str(), units, &bytes_[at]);
+    WireWriteUtf16(wide.c_str(), units, Head(SQL_C_CHAR, units, 2 * units));
 }
 
-void WireRows::EndRow() { ends_.push_back(bytes_.size()); }
+void WireRows::EndRow() { ends_.push_back(size_); }
 
 int WireRows::Fit(int maxRows, std::size_t maxBytes) const {
     int n = 0;
@@ -254,14 +251,15 @@ void WireRows::Drop(int n) {
     // Compacted once half of the rows are gone: what is left is at most a
     // block ahead.
     const std::size_t start = Start();
-    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(start));
+    std::memmove(bytes_.get(), bytes_.get() + start, size_ - start);
+    size_ -= start;
     ends_.erase(ends_.begin(), ends_.begin() + static_cast<std::ptrdiff_t>(first_));
     for (std::size_t& end : ends_) end -= start;
     first_ = 0;
 }
 
 void WireRows::Clear() {
-    bytes_.clear();
+    size_ = 0;
     ends_.clear();
     first_ = 0;
 }

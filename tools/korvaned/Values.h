@@ -4,6 +4,7 @@
 #define KORVANED_VALUES_H
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -56,7 +57,7 @@ public:
     // keep their records within maxBytes (one row at least).
     int Fit(int maxRows, std::size_t maxBytes) const;
     // The records of the first n rows.
-    const BYTE* Data() const { return bytes_.data() + Start(); }
+    const BYTE* Data() const { return bytes_.get() + Start(); }
     std::size_t BytesOf(int n) const { return n > 0 ? ends_[first_ + n - 1] - Start() : 0; }
     // The first n rows have been sent.
     void Drop(int n);
@@ -64,9 +65,15 @@ public:
 
 private:
     std::size_t Start() const { return first_ > 0 ? ends_[first_ - 1] : 0; }
-    void Head(int type, std::size_t size);
+    // Room for n more bytes at the end: where to write them.
+    BYTE* Append(std::size_t n);
+    BYTE* Head(int type, std::size_t size, std::size_t valueBytes);
 
-    std::vector<BYTE> bytes_;
+    // A buffer of its own rather than a vector: appending a record is the
+    // service's inner loop, and needs no zeroing of what is written anyway.
+    std::unique_ptr<BYTE[]> bytes_;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = 0;
     std::vector<std::size_t> ends_;  // where each row's records end in bytes_
     std::size_t first_ = 0;          // rows of ends_ already sent
 };
