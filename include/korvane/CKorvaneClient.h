@@ -161,6 +161,15 @@ public:
     /// leaves the buffer untouched). A null valeur is refused with
     /// KVN_ERROR_PARAMETER.
     int GetData(int hCnx, int col, wchar_t* valeur);
+    /// The same into a buffer of `capacite` wide characters, its terminator
+    /// included: at most capacite - 1 characters of the text are written,
+    /// then the terminator, never more (where wchar_t is 16 bits a surrogate
+    /// pair is not split). KVN_DATA_TRUNCATED when the text was cut;
+    /// `longueur`, when not null, then receives the whole text's length in
+    /// characters, so that the caller can read it again with room for it
+    /// (it receives the length written otherwise, 0 for a NULL value). A null
+    /// valeur or a capacity below 1 is refused with KVN_ERROR_PARAMETER.
+    int GetData(int hCnx, int col, wchar_t* valeur, int capacite, int* longueur = nullptr);
 
     // ---- Stored procedures ------------------------------------------------------
     int ClearStoredProcParams(int hCnx);

@@ -32,6 +32,7 @@
 // Outcomes of the row and column operations (not failures).
 #define KVN_NO_DATA 100   // no row, no such column, no more rows
 #define KVN_NULL_DATA 101 // the value is NULL
+#define KVN_DATA_TRUNCATED 102 // a text cut to fit the caller's buffer
 
 // ---- Function codes (byte 6 of every message header) ---------------------
 #define KVN_INIT_OK 0

@@ -36,6 +36,10 @@ bool IsText(const CParam& v) { return IsTextType(v.cType); }
 
 const wchar_t* TextOf(const CParam& v) { return v.pszValeur ? v.pszValeur : L""; }
 
+bool IsHighSurrogate(wchar_t c) {
+    return static_cast<std::uint32_t>(c) >= 0xD800 && static_cast<std::uint32_t>(c) <= 0xDBFF;
+}
+
 // 1 when text is empty or made of decimal digits only: no sign, blank,
 // decimal point or exponent is admitted.
 int IsAllDigits(const wchar_t* text) {
@@ -398,4 +402,29 @@ int CKorvaneClient::GetData(int hCnx, int col, wchar_t* valeur) {
     if (const wchar_t* text = ValueToText(lu.Valeur(), scratch))
         std::wmemcpy(valeur, text, std::wcslen(text) + 1);
     return KVN_NO_ERROR;
+}
+
+int CKorvaneClient::GetData(int hCnx, int col, wchar_t* valeur, int capacite, int* longueur) {
+    CLectureColonne lu;
+    int r = lu.Open(this, hCnx, col, kBuffer);
+    if (r != KVN_NO_ERROR) return r;
+    if (valeur == nullptr || capacite < 1) return KVN_ERROR_PARAMETER;
+    if (lu.Valeur().bNull) {
+        valeur[0] = L'\0';
+        if (longueur) *longueur = 0;
+        return KVN_NULL_DATA;
+    }
+    DStr scratch;
+    const wchar_t* text = ValueToText(lu.Valeur(), scratch);
+    if (text == nullptr) return KVN_NO_ERROR;  // no text form: the buffer is left alone
+    const std::size_t n = std::wcslen(text);
+    const std::size_t room = static_cast<std::size_t>(capacite) - 1;
+    std::size_t kept = n < room ? n : room;
+    // Where wchar_t is 16 bits, the first half of a pair is not kept alone.
+    if (sizeof(wchar_t) == 2 && kept < n && kept > 0 && IsHighSurrogate(text[kept - 1]))
+        --kept;
+    std::wmemcpy(valeur, text, kept);
+    valeur[kept] = L'\0';
+    if (longueur) *longueur = static_cast<int>(n);
+    return kept < n ? KVN_DATA_TRUNCATED : KVN_NO_ERROR;
 }

@@ -30,7 +30,8 @@ enum Col {
     kTimestamp,
     kCharText,
     kImpossibleDate,
-    kNbCol = kImpossibleDate
+    kAstral,
+    kNbCol = kAstral
 };
 
 const long long kBig = 0x123456789LL;  // low 32 bits: 0x23456789
@@ -47,7 +48,8 @@ protected:
                    Long(42), Text(L"42"), Text(L"-42"), Text(L" 42"), Text(L"3.5"),
                    Text(L"", peer::kTypeChar),  // an empty WCHAR text does not travel
                    peer::Double(-2.9), peer::BigInt(kBig), peer::Timestamp("251220241330050250"),
-                   Text(L"texte simple", peer::kTypeChar), peer::Timestamp("000000000000000000")});
+                   Text(L"texte simple", peer::kTypeChar), peer::Timestamp("000000000000000000"),
+                   Text(L"a\U0001F680b")});
         });
         int resultat = 0;
         ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"select *", resultat));
@@ -122,6 +124,25 @@ TEST_F(GetData, TextsDatesAndTheCallersBufferAtTheirEdges) {
     EXPECT_EQ(0, client.GetData(hCnx, kTextEmpty, buffer));
     EXPECT_EQ(L'\0', buffer[0]);
     EXPECT_EQ(L'#', buffer[1]);
+
+    // With its capacity, the buffer gets at most that many characters, its
+    // terminator included, and the caller learns the whole length.
+    wchar_t bounded[8];
+    std::wmemset(bounded, L'#', 8);
+    int longueur = -1;
+    EXPECT_EQ(KVN_DATA_TRUNCATED, client.GetData(hCnx, kCharText, bounded, 5, &longueur));
+    EXPECT_EQ(std::wstring(L"text\0###", 8), std::wstring(bounded, 8));
+    EXPECT_EQ(12, longueur);
+    EXPECT_EQ(KVN_DATA_TRUNCATED, client.GetData(hCnx, kLong42, bounded, 2, &longueur));
+    EXPECT_STREQ(L"4", bounded);
+    EXPECT_EQ(0, client.GetData(hCnx, kLong42, bounded, 3, &longueur));
+    EXPECT_STREQ(L"42", bounded);
+    EXPECT_EQ(2, longueur);
+    // Where wchar_t is 16 bits a pair of surrogates is kept whole or not at all.
+    EXPECT_EQ(KVN_DATA_TRUNCATED, client.GetData(hCnx, kAstral, bounded, 3, nullptr));
+    EXPECT_STREQ(sizeof(wchar_t) == 2 ? L"a" : L"a\U0001F680", bounded);
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.GetData(hCnx, kCharText, bounded, 0, &longueur));
+    EXPECT_EQ(KVN_ERROR_PARAMETER, client.GetData(hCnx, kCharText, nullptr, 8, &longueur));
 }
 
 TEST_F(GetData, ColumnsAndConnectionsThatAreNotThere) {
