@@ -118,15 +118,19 @@ TEST_F(E2ePostgres, TextsBeyondTheBasicPlaneRoundTripWhole) {
     wchar_t in[] = L"a\U0001F680b";
     wchar_t inout[64] = L"\U00010348x\U0001F600";
     wchar_t out[64] = L"";
-    MustExecute(L"CREATE OR REPLACE FUNCTION kvn_astral(IN a varchar, INOUT b varchar, OUT c varchar) AS $$ "
-                L"BEGIN c := a || '|' || b; b := b || a; END $$ LANGUAGE plpgsql");
+    wchar_t empty[8] = L"unset";  // an empty text, which a UTF-16 text record cannot carry as such
+    MustExecute(L"CREATE OR REPLACE FUNCTION kvn_astral(IN a varchar, INOUT b varchar, OUT c varchar, "
+                L"OUT e varchar) AS $$ BEGIN c := a || '|' || b; b := b || a; e := ''; END $$ "
+                L"LANGUAGE plpgsql");
     ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 1, KVN_PARAM_IN, SQL_C_WCHAR, in, std::wcslen(in)));
     ASSERT_EQ(KVN_NO_ERROR,
               client.SetStoredProcParams(hCnx, 2, KVN_PARAM_INOUT, SQL_C_WCHAR, inout, std::wcslen(inout)));
     ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 3, KVN_PARAM_OUT, SQL_C_WCHAR, out, 0));
+    ASSERT_EQ(KVN_NO_ERROR, client.SetStoredProcParams(hCnx, 4, KVN_PARAM_OUT, SQL_C_WCHAR, empty, 0));
     ASSERT_EQ(KVN_NO_ERROR, client.ExecStoredProc(hCnx, L"kvn_astral", 0)) << ErrorText();
     EXPECT_STREQ(L"\U00010348x\U0001F600a\U0001F680b", inout);
     EXPECT_STREQ(L"a\U0001F680b|\U00010348x\U0001F600", out);
+    EXPECT_STREQ(L"", empty);
 
     // The same text bound to a statement, and read back by every text reader.
     MustExecute(L"CREATE TABLE IF NOT EXISTS kvn_astral_t (v varchar(20))");

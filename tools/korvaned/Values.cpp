@@ -8,6 +8,7 @@
 #include <new>
 
 #include "Text.h"
+#include "protocol/ValueTypes.h"
 #include "protocol/WireHeader.h"
 #include "protocol/WireText.h"
 
@@ -79,6 +80,13 @@ void AddLong(CMsgSocket& message, int value) {
 }
 
 void AddText(CMsgSocket& message, const std::string& utf8, int textType) {
+    // A receiver drops an empty text record of any type but SQL_C_CHAR, and
+    // the values after it would move up one place: an empty wide text goes
+    // as a NULL of its type, which the client reads as the empty text.
+    if (utf8.empty() && TypeByte(textType) != TypeByte(SQL_C_CHAR)) {
+        AddNull(message, textType);
+        return;
+    }
     std::wstring wide = FromUtf8(utf8);
     std::size_t units = 0;
     const std::size_t chars = WireFitUnits(wide.c_str(), wide.size(), kMaxTextUnits, &units);
