@@ -28,6 +28,11 @@ int SockReceive(SOCKET, char* buffer, int length, DWORD) {
     if (length == 0) return 0;
     if (length < 0 || !buffer) return -1;
     fuzzwire::Stream& s = fuzzwire::Current();
+    if (s.autoAck) {
+        std::memset(buffer, 0, static_cast<std::size_t>(length));
+        if (length > 6) buffer[6] = 1;  // KVN_ACK
+        return length;
+    }
     std::size_t n = static_cast<std::size_t>(length) < s.Left() ? static_cast<std::size_t>(length)
                                                                 : s.Left();
     if (n) std::memcpy(buffer, s.data + s.pos, n);

@@ -18,6 +18,9 @@ struct Stream {
     std::size_t pos = 0;
     std::vector<std::uint8_t> sent;
     bool sendFails = false;
+    // Every read is that of an acknowledgement, and an acceptance comes: for
+    // a target that hands the messages over itself and only sends answers.
+    bool autoAck = false;
 
     std::size_t Left() const { return size - pos; }
 };

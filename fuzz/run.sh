@@ -3,7 +3,7 @@
 # sanitizers) in a build directory of its own, then runs each in turn.
 #   fuzz/run.sh [seconds] [target...]
 # seconds: how long each target runs (default 60); targets: any of
-# decode exchange (default all).
+# decode exchange dispatch service (default all).
 # Each target keeps its corpus in <build>/fuzz-corpus/<target>, started from
 # the seeds that kvn_fuzz_seeds writes; a finding stops the script with the
 # input that caused it saved in the build directory.
@@ -12,7 +12,7 @@
 set -eu
 seconds=${1:-60}
 [ $# -gt 0 ] && shift
-targets=${*:-decode exchange}
+targets=${*:-decode exchange dispatch service}
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${KVN_FUZZ_BUILD:-$root/build-fuzz}
 

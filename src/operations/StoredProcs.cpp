@@ -18,6 +18,7 @@
 #include "diag/Log.h"
 #include "operations/DeclaredValue.h"
 #include "operations/RequestFrame.h"
+#include "operations/StoredProcs.h"
 #include "protocol/ValueTypes.h"
 
 namespace {
@@ -152,22 +153,26 @@ int CKorvaneClient::ExecStoredProc(int hCnx, const wchar_t* nomProc, int nOption
         },
         [&](CConnexionKorvane& cnx) {
             if (cnx.m_nResultat != 0) return cnx.m_nCodeErreur.load();
-            // The answer's values follow the OUT and IN/OUT parameters in
-            // order; IN parameters have none.
-            int nbValeurs = cnx.m_nNbResultats;
-            int k = 0;
-            for (int i = 0; i < cnx.m_nNbParamProc; i++) {
-                CParamProc& param = cnx.m_tabParamProc[i];
-                if (param.nSens == KVN_PARAM_IN) continue;
-                // A short answer: the variables already written keep their
-                // values, the others are left alone.
-                if (k >= nbValeurs || k >= KVN_NB_PARAM_CNX) return KVN_ERROR_RECEIVE;
-                const CParam& value = cnx.m_tabParam[k++];
-                if (TypeByte(value.cType) != TypeByte(param.cType)) return KVN_ERROR_PARAMETER;
-                CopyBack(value, param);
-            }
-            return KVN_NO_ERROR;
+            return CopyBackOutValues(cnx);
         });
+}
+
+int CopyBackOutValues(CConnexionKorvane& cnx) {
+    // The answer's values follow the OUT and IN/OUT parameters in order; IN
+    // parameters have none.
+    int nbValeurs = cnx.m_nNbResultats;
+    int k = 0;
+    for (int i = 0; i < cnx.m_nNbParamProc; i++) {
+        CParamProc& param = cnx.m_tabParamProc[i];
+        if (param.nSens == KVN_PARAM_IN) continue;
+        // A short answer: the variables already written keep their values,
+        // the others are left alone.
+        if (k >= nbValeurs || k >= KVN_NB_PARAM_CNX) return KVN_ERROR_RECEIVE;
+        const CParam& value = cnx.m_tabParam[k++];
+        if (TypeByte(value.cType) != TypeByte(param.cType)) return KVN_ERROR_PARAMETER;
+        CopyBack(value, param);
+    }
+    return KVN_NO_ERROR;
 }
 
 namespace {

@@ -41,6 +41,9 @@ public:
     bool busy = false;
 
 private:
+    // The fuzz target of the requests hands them to Handle without a socket.
+    friend class FuzzedSession;
+
     enum class Role { Unknown, Application, Connexion, Closed };
 
     void Serve();
