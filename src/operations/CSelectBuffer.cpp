@@ -16,18 +16,9 @@
 
 namespace {
 
-// Holds a CMutex for the lifetime of the scope. The waits are unlimited: the
-// buffer's and the row's locks are held only for a few list operations.
-class ScopedLock {
-public:
-    explicit ScopedLock(CMutex& m) : m_mutex(m) { m_mutex.Lock(INFINITE); }
-    ~ScopedLock() { m_mutex.Unlock(); }
-    ScopedLock(const ScopedLock&) = delete;
-    ScopedLock& operator=(const ScopedLock&) = delete;
-
-private:
-    CMutex& m_mutex;
-};
+// The buffer's and the row's locks are held only for a few list operations
+// (or, by a receiver, for one block): their waits are unlimited.
+using ScopedLock = std::lock_guard<std::recursive_mutex>;
 
 } // namespace
 
@@ -262,13 +253,13 @@ void CSelectBuffer::SuppLigne() {
 }
 
 void CSelectBuffer::BeginRecept() {
-    m_mutexBuffer.Lock(INFINITE);
+    m_mutexBuffer.lock();
     m_bCurrentRecept = 1;
 }
 
 void CSelectBuffer::EndRecept() {
     m_bCurrentRecept = 0;
-    m_mutexBuffer.Unlock();
+    m_mutexBuffer.unlock();
 }
 
 void CSelectBuffer::VideBuffer() {

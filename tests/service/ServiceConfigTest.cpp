@@ -1,6 +1,7 @@
 // The service's own pieces that need no running service: its configuration
 // from file, environment and command line, its access list, how it makes a
-// data source read-only, and its UTF-8 conversions.
+// data source read-only, its UTF-8 conversions, and the rows of a select
+// encoded as they travel.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include "ReadOnly.h"
 #include "RunningService.h"
 #include "Text.h"
+#include "Values.h"
 #include "platform/Sockets.h"
 
 namespace {
@@ -164,4 +166,45 @@ TEST(ServiceText, Utf8RoundTripAndInvalidBytes) {
     EXPECT_EQ(L"\uFFFD/", FromUtf8("\xc0\xaf/"));
     EXPECT_EQ(L"\uFFFD", FromUtf8("\xed\xa0\x80"));
     EXPECT_EQ(L"\uFFFDz", FromUtf8("\xf0\x9f" "z"));
+}
+
+// The rows of a select are encoded by the service itself; the bytes must be
+// those that the message encoder gives the same values, whatever they hold.
+TEST(ServiceRows, CellsAreEncodedAsTheMessageEncoderEncodesTheSameValues) {
+    std::vector<DbValue> cells;
+    auto add = [&](DbValue::Kind kind, bool null) -> DbValue& {
+        cells.emplace_back();
+        cells.back().kind = kind;
+        cells.back().null = null;
+        return cells.back();
+    };
+    for (DbValue::Kind kind : {DbValue::Kind::Integer, DbValue::Kind::BigInt, DbValue::Kind::Double,
+                               DbValue::Kind::Timestamp, DbValue::Kind::Text})
+        add(kind, true);
+    add(DbValue::Kind::Integer, false).integer = -2147483647 - 1;
+    add(DbValue::Kind::BigInt, false).integer = -5000000000LL;
+    add(DbValue::Kind::Double, false).real = -2.5e-300;
+    add(DbValue::Kind::Timestamp, false).timestamp = {2024, 2, 29, 23, 59, 58, 123};
+    add(DbValue::Kind::Timestamp, false).timestamp = {12345, 123, 7, 100, 0, 0, 0};  // fields past their digits
+    add(DbValue::Kind::Timestamp, false).timestamp = {-1, 0, 0, 0, 0, 0, 0};
+    for (const std::string& text : {std::string(), std::string("plain"), std::string("caf\xc3\xa9 \xf0\x9f\x98\x80"),
+                                    std::string("cut\0after", 9), std::string("bad \xe2\x82"),
+                                    std::string(40000, 'a'), std::string(20000, 'a') + "\xc3\xa9" + std::string(20000, 'b')})
+        add(DbValue::Kind::Text, false).text = text;
+
+    WireRows rows;
+    CMsgSocket expected;
+    expected.SetEntete(7, KVN_GETLINE, 1);
+    for (const DbValue& v : cells) {
+        rows.Value(v);
+        AddDbValue(expected, v);
+    }
+    rows.EndRow();
+    ASSERT_EQ(1, expected.CreateMessage(-1));
+    int length = 0;
+    const BYTE* wire = expected.GetMessage(&length);
+    ASSERT_EQ(static_cast<std::size_t>(length) - KVN_TAILLE_ENTETE, rows.BytesOf(1));
+    for (std::size_t at = 0; at < rows.BytesOf(1); ++at) {
+        ASSERT_EQ(wire[KVN_TAILLE_ENTETE + at], rows.Data()[at]) << "first difference at byte " << at;
+    }
 }
