@@ -29,7 +29,8 @@ class CConnexionKorvane;
 ///
 /// Results: every operation returns an int result code (KvnDefs.h): 0 for
 /// success, a negative code for a failure, and for the row and column
-/// operations the outcomes KVN_NO_DATA (100) and KVN_NULL_DATA (101).
+/// operations the outcomes KVN_NO_DATA (100), KVN_NULL_DATA (101) and
+/// KVN_DATA_TRUNCATED (102).
 /// Nothing throws. Texts are wide strings (wchar_t) on every platform.
 ///
 /// Threads: Init, Free and the destructor run on one application thread and

@@ -9,11 +9,11 @@
 /// \name Result codes
 /// Every operation of the library returns an int: 0 for success, a negative
 /// code for a failure, and for the row and column operations the outcomes
-/// KVN_NO_DATA and KVN_NULL_DATA. CKorvaneClient::GetErrorTxt gives each
-/// code's English text. The codes also travel on the wire in the service's
-/// answers, so their values are part of the protocol, and an operation that
-/// carries a request returns the service's own code when the service reports
-/// a failure.
+/// KVN_NO_DATA, KVN_NULL_DATA and KVN_DATA_TRUNCATED, which are not failures.
+/// CKorvaneClient::GetErrorTxt gives each code's English text. The codes also
+/// travel on the wire in the service's answers, so their values are part of
+/// the protocol, and an operation that carries a request returns the
+/// service's own code when the service reports a failure.
 ///@{
 
 /// Success.
