@@ -259,7 +259,8 @@ void WireRows::Drop(int n) {
     // Compacted once half of the rows are gone: what is left is at most a
     // block ahead.
     const std::size_t start = Start();
-    std::memmove(bytes_.get(), bytes_.get() + start, size_ - start);
+    // No buffer yet when no row ever came, and memmove wants one even for nothing.
+    if (size_ > start) std::memmove(bytes_.get(), bytes_.get() + start, size_ - start);
     size_ -= start;
     ends_.erase(ends_.begin(), ends_.begin() + static_cast<std::ptrdiff_t>(first_));
     for (std::size_t& end : ends_) end -= start;
