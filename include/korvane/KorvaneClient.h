@@ -1,4 +1,6 @@
-// The whole public interface of the Korvane client library.
+/// \file
+/// The whole public interface of the Korvane client library: what an
+/// application includes.
 #ifndef KORVANE_KORVANECLIENT_H
 #define KORVANE_KORVANECLIENT_H
 

@@ -1,10 +1,11 @@
-// Export annotation of the library's public classes and functions.
-//
-// The shared library (KorvaneClientU.dll on Windows, libKorvaneClient.so
-// elsewhere) is built with KVN_BUILDING_LIBRARY and exports what carries
-// KVN_API; applications that link the shared library see it imported.
-// The static library used by the project's own tests and tools is consumed
-// with KVN_STATIC, where the annotation is empty.
+/// \file
+/// Export annotation of the library's public classes and functions.
+///
+/// The shared library (KorvaneClientU.dll on Windows, libKorvaneClient.so
+/// elsewhere) is built with KVN_BUILDING_LIBRARY and exports what carries
+/// KVN_API; applications that link the shared library see it imported.
+/// The static library used by the project's own tests and tools is consumed
+/// with KVN_STATIC, where the annotation is empty.
 #ifndef KORVANE_KVNEXPORT_H
 #define KORVANE_KVNEXPORT_H
 

@@ -1,22 +1,24 @@
-// Basic platform types that appear in the library's exported signatures, in
-// the namespace kvn so that an application's own headers never meet them.
-// Windows' BOOL, the 32-bit truth value, is kvn::Bool: unixODBC defines BOOL
-// as a macro, which would rewrite any name spelt BOOL, qualified or not.
-//
-// On Windows they are the system's own (<windows.h>, which an application of
-// the library includes anyway): kvn::HANDLE is ::HANDLE, and so on. Elsewhere
-// they are defined here with the same sizes and layouts, inside kvn only:
-// other headers of the platform (unixODBC's <sqltypes.h> among them) define
-// BOOL, HWND or DWORD at global scope in ways of their own, and the public
-// headers must be includable beside them in any order.
-//
-// Code written against Windows that wants the bare names (BOOL, DWORD,
-// HANDLE, SOCKET, SYSTEMTIME, GUID, __int64, TRUE, INFINITE ...) on every
-// platform defines KVN_WINDOWS_TYPES before including the library's headers;
-// it then cannot also include headers that define those names themselves.
-// The library and its own tools are built that way.
-//
-// This is the only public header that knows which system it is built for.
+/// \file
+/// Basic platform types that appear in the library's exported signatures, in
+/// the namespace kvn so that an application's own headers never meet them.
+/// Windows' BOOL, the 32-bit truth value, is kvn::Bool: unixODBC defines BOOL
+/// as a macro, which would rewrite any name spelt BOOL, qualified or not.
+///
+/// On Windows they are the system's own (<windows.h>, which an application of
+/// the library includes anyway): kvn::HANDLE is the global `HANDLE`, and so
+/// on. Elsewhere they are defined here with the same sizes and layouts,
+/// inside kvn only: other headers of the platform (unixODBC's <sqltypes.h>
+/// among them) define BOOL, HWND or DWORD at global scope in ways of their
+/// own, and the public headers must be includable beside them in any order.
+/// This reference shows the definitions made outside Windows.
+///
+/// Code written against Windows that wants the bare names (BOOL, DWORD,
+/// HANDLE, SOCKET, SYSTEMTIME, GUID, __int64, TRUE, INFINITE ...) on every
+/// platform defines KVN_WINDOWS_TYPES before including the library's headers;
+/// it then cannot also include headers that define those names themselves.
+/// The library and its own tools are built that way.
+///
+/// This is the only public header that knows which system it is built for.
 #ifndef KORVANE_PLATFORM_KVNTYPES_H
 #define KORVANE_PLATFORM_KVNTYPES_H
 
@@ -55,25 +57,29 @@ typedef UINT_PTR SOCKET;
 #include <cstddef>
 #include <cstdint>
 
+/// The platform types of the library's signatures.
 namespace kvn {
-typedef int Bool;
+typedef int Bool;  ///< Windows' BOOL: 0 false, anything else true
 typedef unsigned char BYTE;
 typedef unsigned short WORD;
 typedef std::uint32_t DWORD;
 typedef unsigned int UINT;
 typedef std::uintptr_t UINT_PTR;
 typedef std::intptr_t LONG_PTR;
-typedef UINT_PTR WPARAM;
-typedef LONG_PTR LPARAM;
+typedef UINT_PTR WPARAM;  ///< first parameter of a posted message
+typedef LONG_PTR LPARAM;  ///< second parameter of a posted message
+/// An event, mutex or thread of the library; null for none.
 typedef void* HANDLE;
 
 struct HWND__;
+/// A window: outside Windows, the notification queue of NotifyWindow.h.
 typedef HWND__* HWND;
 
-// A socket handle is an unsigned integer as on Windows; the invalid value has
-// all bits set.
+/// A socket handle is an unsigned integer as on Windows; the invalid value
+/// has all bits set.
 typedef UINT_PTR SOCKET;
 
+/// A date and time as Windows lays it out (CKorvaneClient::GetData).
 struct SYSTEMTIME {
     WORD wYear;
     WORD wMonth;
@@ -85,6 +91,8 @@ struct SYSTEMTIME {
     WORD wMilliseconds;
 };
 
+/// A GUID as Windows lays it out: Data1 to Data3 in the machine's byte order,
+/// then 8 bytes.
 struct GUID {
     std::uint32_t Data1;
     unsigned short Data2;
@@ -96,7 +104,7 @@ struct GUID {
 #endif  // _WIN32
 
 namespace kvn {
-// The wait without limit (Windows' INFINITE).
+/// The wait without limit (Windows' INFINITE).
 constexpr DWORD kInfinite = 0xFFFFFFFFu;
 }  // namespace kvn
 

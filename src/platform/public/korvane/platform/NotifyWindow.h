@@ -22,10 +22,13 @@ KVN_API kvn::UINT KvnRegisterWindowMessage(const wchar_t* name);
 /// application owns it and destroys it with KvnDestroyNotifyWindow after the
 /// CKorvaneClient that posts to it has been freed.
 KVN_API kvn::HWND KvnCreateNotifyWindow();
+/// Destroys the window; what is posted to it later is lost.
 KVN_API void KvnDestroyNotifyWindow(kvn::HWND hWnd);
 
-/// Waits up to timeoutMs for a message posted to hWnd and takes the oldest one.
-/// TRUE with the message, FALSE when none came in time.
+/// Waits up to timeoutMs (kvn::kInfinite: without limit) for a message posted
+/// to hWnd and takes the oldest one. TRUE with the message (each out-pointer
+/// may be null), FALSE when none came in time, or when the window does not
+/// exist or is destroyed meanwhile.
 KVN_API kvn::Bool KvnWaitNotifyMessage(kvn::HWND hWnd, kvn::DWORD timeoutMs, kvn::UINT* msg,
                                        kvn::WPARAM* wParam, kvn::LPARAM* lParam);
 
