@@ -39,8 +39,9 @@ class CConnexionKorvane;
 /// handle run one at a time (a second caller waits for the first, up to
 /// 20 s), so threads that work in parallel each use a connection of their
 /// own. The object runs threads of its own (the main link, one per
-/// connection, the heartbeat), which own the sockets, receive the answers
-/// and re-open the links; the application's calls never run there.
+/// connection, the heartbeat and its receiver), which own the sockets,
+/// receive the answers and re-open the links; the application's calls never
+/// run there.
 ///
 /// Ownership: the application owns the object, the texts it passes (read
 /// during the call only), and the variables it lends to stored-procedure
