@@ -40,6 +40,9 @@ int main(int argc, char** argv) {
         // No loader to wake (0), no log (level 0), no window for the notifications.
         if (client.Init(host, port, 0, L"select_by_type", dbType, 0, nullptr, nullptr) != KVN_NO_ERROR) {
             std::fprintf(stderr, "no service at %ls:%d: %ls\n", host, port, client.GetLastError().GetString());
+            // A refused session keeps its socket until Free, which comes
+            // before the socket layer stops.
+            client.Free();
             SockCloseWinSock();
             return 1;
         }

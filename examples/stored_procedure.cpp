@@ -35,7 +35,7 @@ int Run(CKorvaneClient& client, int hCnx) {
 
     double total = 0;
     wchar_t label[64] = L"";
-    for (long qty : {12L, 3L}) {
+    for (int qty : {12, 3}) {  // SQL_C_LONG: a 32-bit variable
         // The IN values are taken as the parameters are declared; the OUT
         // variables stay the application's, and the library writes the
         // returned values into them when the call succeeds, so they must
