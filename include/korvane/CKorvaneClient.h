@@ -30,8 +30,8 @@ class CConnexionKorvane;
 /// Results: every operation returns an int result code (KvnDefs.h): 0 for
 /// success, a negative code for a failure, and for the row and column
 /// operations the outcomes KVN_NO_DATA (100), KVN_NULL_DATA (101) and
-/// KVN_DATA_TRUNCATED (102).
-/// Nothing throws. Texts are wide strings (wchar_t) on every platform.
+/// KVN_DATA_TRUNCATED (102). Nothing throws. Texts are wide strings
+/// (wchar_t) on every platform.
 ///
 /// Threads: Init, Free and the destructor run on one application thread and
 /// never at the same time as any other call on the object. Between them any
@@ -88,8 +88,8 @@ public:
     /// Opens the session with the service at host:port and returns 0, or
     /// KVN_ERROR_UNKNOWN when the service was not found or refused the
     /// application (GetLastError says why; for a refusal only at log level 3
-    /// or more, when the log also gets the code). Closes any earlier session of
-    /// the object first.
+    /// or more, when the log also gets the code). Closes any earlier session
+    /// of the object first.
     ///
     /// portServiceLoader is the port of the loader next to the service (0 or
     /// less for none): without one, one connect attempt is made; with one, up
@@ -305,8 +305,9 @@ public:
     int GetData(int hCnx, int col, DStr& valeur);
     /// As the CString overload, into the caller's buffer. No length is
     /// passed: the buffer must hold the longest text of the column plus its
-    /// terminator (the overload below takes the buffer's capacity). The library never writes more than the value's own text and
-    /// one terminating zero (a value without a text form leaves the buffer
+    /// terminator (the overload below takes the buffer's capacity). The
+    /// library never writes more than the value's own text and one
+    /// terminating zero (a value without a text form leaves the buffer
     /// untouched). A null valeur is refused with KVN_ERROR_PARAMETER.
     int GetData(int hCnx, int col, wchar_t* valeur);
     /// As the CString overload, into a buffer of capacite wide characters,
