@@ -152,7 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         // The rows: read the head row, then walk them all.
         ReadRow(client, cnx, flags >> 1);
-        for (int remaining = 0, rows = 0; rows < 64; ++rows) {
+        for (int remaining = 0, rows = 0; rows < 16; ++rows) {
             if (cnx.m_selectBuffer.Fetch(remaining) != KVN_NO_ERROR) break;
             FUZZ_CHECK(remaining >= 0 && remaining < 64 * 1024);
             ReadRow(client, cnx, static_cast<std::uint8_t>(flags + rows));
