@@ -24,15 +24,12 @@ constexpr std::size_t kEntete = KVN_TAILLE_ENTETE;
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 1 + kEntete) return 0;
+    if (size < 1) return 0;
     const std::uint8_t mode = data[0];
-    const std::size_t available = size - 1 - kEntete;
-
-    std::size_t body = GetLE32(data + 1 + 11);
-    if (body > available) body = available;
-    std::unique_ptr<BYTE[]> message(new BYTE[kEntete + body]);
-    std::memcpy(message.get(), data + 1, kEntete + body);
-    PutLE32(message.get() + 11, static_cast<std::uint32_t>(body));
+    std::size_t pos = 1;
+    std::unique_ptr<BYTE[]> message = fuzzsupport::NextMessage(data, size, pos);
+    if (!message) return 0;
+    const std::size_t body = pos - 1 - kEntete;
 
     CMsgSocket m;
     if (mode & 1) {

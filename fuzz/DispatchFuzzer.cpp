@@ -20,11 +20,9 @@
 #include "diag/Log.h"
 #include "operations/StoredProcs.h"
 #include "platform/Kernel.h"
-#include "protocol/WireHeader.h"
 
 namespace {
 
-constexpr std::size_t kEntete = KVN_TAILLE_ENTETE;
 constexpr int kMessages = 8;
 // The room of the application's variable of an OUT text: the longest text a
 // record can carry, and its terminator.
@@ -128,16 +126,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Declare(cnx, *vars);
 
     std::size_t pos = 1;
-    for (int k = 0; k < kMessages && size - pos >= kEntete; ++k) {
-        std::size_t body = GetLE32(data + pos + 11);
-        if (body > size - pos - kEntete) body = size - pos - kEntete;
-        // The message in a block of exactly its size, as the receive loop
-        // holds it, with the body length it really has.
-        std::unique_ptr<BYTE[]> message(new BYTE[kEntete + body]);
-        std::memcpy(message.get(), data + pos, kEntete + body);
-        PutLE32(message.get() + 11, static_cast<std::uint32_t>(body));
-        pos += kEntete + body;
-
+    for (int k = 0; k < kMessages; ++k) {
+        std::unique_ptr<BYTE[]> message = fuzzsupport::NextMessage(data, size, pos);
+        if (!message) break;
         CMsgSocketClient msg;
         if (msg.AnalyseMessageComplet(message.get()) != 1) continue;
         const int fonction = msg.GetFonction();

@@ -4,8 +4,11 @@
 #ifndef KORVANE_FUZZ_FUZZSUPPORT_H
 #define KORVANE_FUZZ_FUZZSUPPORT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 
 #include <korvane/CMsgSocketClient.h>
 
@@ -44,6 +47,25 @@ inline void Render(CMsgSocket& m) {
         wchar_t nom[32];
         GetNomType(m.GetTypeParametre(i), nom, i & 1);
     }
+}
+
+// The next message of the input at pos, which it moves past: a header and
+// the body it announces, cut to what the input holds, in a block of exactly
+// its size with its body length set to what it has (the receive loop holds a
+// message so, and a read past it is caught). Null once fewer than 16 bytes
+// are left.
+inline std::unique_ptr<BYTE[]> NextMessage(const std::uint8_t* data, std::size_t size,
+                                           std::size_t& pos) {
+    const std::size_t kEntete = KVN_TAILLE_ENTETE;
+    if (size - pos < kEntete) return nullptr;
+    const std::uint8_t* h = data + pos;
+    std::size_t body = h[11] | h[12] << 8 | h[13] << 16 | static_cast<std::uint32_t>(h[14]) << 24;
+    if (body > size - pos - kEntete) body = size - pos - kEntete;
+    std::unique_ptr<BYTE[]> message(new BYTE[kEntete + body]);
+    std::memcpy(message.get(), h, kEntete + body);
+    for (int i = 0; i < 4; ++i) message[11 + i] = static_cast<BYTE>(body >> (8 * i));
+    pos += kEntete + body;
+    return message;
 }
 
 // The plausibility rules of a received header, from its 16 bytes.

@@ -115,14 +115,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     fuzzsupport::TracedMessage check;
     std::size_t pos = 1;
-    for (int k = 0; k < kRequests && size - pos >= kEntete; ++k) {
-        std::size_t body = GetLE32(data + pos + 11);
-        if (body > size - pos - kEntete) body = size - pos - kEntete;
-        std::unique_ptr<BYTE[]> message(new BYTE[kEntete + body]);
-        std::memcpy(message.get(), data + pos, kEntete + body);
-        PutLE32(message.get() + 11, static_cast<std::uint32_t>(body));
-        pos += kEntete + body;
-
+    for (int k = 0; k < kRequests; ++k) {
+        std::unique_ptr<BYTE[]> message = fuzzsupport::NextMessage(data, size, pos);
+        if (!message) break;
         CMsgSocket request;
         CEnteteMsgSocket entete;
         DecodeEntete(message.get(), entete);
