@@ -10,8 +10,10 @@
 //    returns it;
 //  - mutexes are recursive for their holder; a mutex whose holder ended
 //    without releasing it is handed to the next waiter with WAIT_ABANDONED;
-//  - waiting on a handle that was closed, or never was one, fails with
-//    WAIT_FAILED and KvnGetLastError() == ERROR_INVALID_HANDLE.
+//  - waiting on a handle that was closed (or a null one) fails with
+//    WAIT_FAILED and KvnGetLastError() == ERROR_INVALID_HANDLE; a value that
+//    never was a handle of this layer is not detected on POSIX, where a
+//    handle is the object's address.
 // Socket events (Sockets.h) and thread handles (Threads.h) are waited on with
 // the same functions.
 #ifndef KORVANE_PLATFORM_KERNEL_H

@@ -241,6 +241,61 @@ TEST(PlatformCMutex, LockIsRecursiveTimesOutForOtherThreadsAndSurvivesAHolderTha
     EXPECT_TRUE(mutex.Unlock());
 }
 
+// Threads that wait on several handles at once, woken over and over: every
+// set of an auto-reset event is taken by exactly one of them, and none is
+// lost between a look and a sleep.
+TEST(PlatformWaitAny, EverySetIsTakenByExactlyOneOfSeveralWaitersAndNoneIsLost) {
+    Handle a(KvnCreateEvent(FALSE, FALSE)), b(KvnCreateEvent(FALSE, FALSE));
+    Handle stop(KvnCreateEvent(TRUE, FALSE)), taken(KvnCreateEvent(FALSE, FALSE));
+    std::atomic<int> counts[2] = {{0}, {0}};
+    std::atomic<int> timeouts{0};
+    auto waiter = [&] {
+        const HANDLE handles[] = {a, b, stop};
+        for (;;) {
+            const DWORD r = KvnWaitForMultipleObjects(3, handles, 5000);
+            if (r == WAIT_OBJECT_0 + 2) return;
+            if (r == WAIT_TIMEOUT) ++timeouts;
+            if (r > WAIT_OBJECT_0 + 1) return;
+            ++counts[r - WAIT_OBJECT_0];
+            KvnSetEvent(taken);
+        }
+    };
+    std::thread w1(waiter), w2(waiter), w3(waiter);
+    const int kRounds = 2000;
+    int lost = 0;
+    for (int i = 0; i < kRounds && lost == 0; ++i) {
+        KvnSetEvent(i % 3 == 0 ? b : a);
+        if (KvnWaitForSingleObject(taken, 5000) != WAIT_OBJECT_0) ++lost;
+    }
+    KvnSetEvent(stop);
+    w1.join();
+    w2.join();
+    w3.join();
+    EXPECT_EQ(lost, 0);
+    EXPECT_EQ(timeouts.load(), 0);
+    EXPECT_EQ(counts[0] + counts[1], kRounds);
+    EXPECT_EQ(counts[1].load(), (kRounds + 2) / 3);
+    EXPECT_EQ(KvnWaitForSingleObject(taken, 0), kTimeout) << "no set was taken twice";
+}
+
+TEST(PlatformCMutex, ThreadsContendingForALockNeverHoldItTogether) {
+    CMutex mutex;
+    long long counter = 0;  // guarded by mutex alone
+    auto work = [&] {
+        for (int i = 0; i < 20000; ++i) {
+            ASSERT_TRUE(mutex.Lock(5000));
+            ++counter;
+            mutex.Unlock();
+        }
+    };
+    std::thread t1(work), t2(work), t3(work), t4(work);
+    t1.join();
+    t2.join();
+    t3.join();
+    t4.join();
+    EXPECT_EQ(counter, 80000);
+}
+
 // ---- Threads -------------------------------------------------------------------
 
 // A test thread: waits for `go`, then marks `finished` and sets `done`.

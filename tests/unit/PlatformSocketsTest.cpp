@@ -201,4 +201,38 @@ TEST_F(PlatformSockets, ClosingTheSocketUnderAWaitingThreadEndsTheConnectionAtOn
     EXPECT_LT(MsSince(start), 2000);
 }
 
+TEST_F(PlatformSockets, AnEventStaysWithItsSocketWhenItsNumberGoesToAnotherSocket) {
+    Link first;
+    ASSERT_TRUE(first.Up() && first.Select());
+    const SOCKET number = first.server;
+    Close(first.server);
+
+    // Numbers are given out lowest first: new datagram sockets take them until
+    // one has the old number. It gets an event of its own.
+    std::vector<SOCKET> others;
+    SOCKET reused = KvnUdpSocket();
+    while (reused != number && IsOpen(reused) && others.size() < 64) {
+        others.push_back(reused);
+        reused = KvnUdpSocket();
+    }
+    for (SOCKET& s : others) Close(s);
+    ASSERT_EQ(number, reused);
+    kvntest::Handle second(KvnCreateSocketEvent());
+    ASSERT_EQ(KvnBind(reused, KvnLoopbackAddress(), 0), 0);
+    ASSERT_EQ(KvnSocketEventSelect(reused, second, FD_READ | FD_CLOSE), 0);
+    SOCKET sender = KvnUdpSocket();
+    ASSERT_EQ(KvnSendTo(sender, "x", 1, KvnLoopbackAddress(), KvnGetLocalPort(reused)), 1);
+    ASSERT_EQ(KvnWaitForSingleObject(second, 2000), WAIT_OBJECT_0);
+
+    // The first event knows nothing of the new socket, even through its old number.
+    EXPECT_EQ(first.Wait(30), kTimeout);
+    long events = -1;
+    EXPECT_EQ(KvnEnumNetworkEvents(number, first.event, &events, nullptr), 0);
+    EXPECT_EQ(events, 0);
+    EXPECT_EQ(KvnEnumNetworkEvents(reused, second, &events, nullptr), 0);
+    EXPECT_EQ(events, FD_READ) << "the datagram is still the new socket's";
+    Close(sender);
+    Close(reused);
+}
+
 }  // namespace

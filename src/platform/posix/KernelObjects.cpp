@@ -1,19 +1,17 @@
-// Kernel objects of the POSIX backend: events, mutexes, handles, the waits on
-// them and the calling thread's last error.
+// Kernel objects of the POSIX backend: the pool they live in, handles, events,
+// mutexes, the calling thread's record and last error. The waits on them are
+// in Waits.cpp, socket events in SocketEvents.cpp.
 //
-// A HANDLE is the address of one of our own objects (PosixInternal.h). All
-// object state sits under one process-wide lock. A waiting thread checks the
-// whole array under that lock, takes only the first signalled object in array
-// order, and otherwise registers itself with every object and blocks in
-// poll() on its own wake-up pipe plus the descriptors of the socket events in
-// its array, for the remaining time; whoever signals an object writes to the
-// pipes of its waiters, and the waiter checks the array again in order.
+// A HANDLE is the address of one of our own objects (PosixInternal.h), and
+// each object has its own lock and its own waiters: setting an event, taking
+// a free mutex or releasing one that nobody waits for is a few atomic
+// operations and no system call; waking a sleeping waiter is one.
 //
 // Where this differs from Windows:
-//  - handles are addresses: a closed handle is detected through the registry
-//    of live objects, and freed objects are held back for a while before
-//    their memory is reused, but like a reused Windows handle value, an
-//    address reused in the end makes a stale handle name the newer object;
+//  - handles are addresses: a closed handle reads as closed for as long as
+//    its object waits in the pool (the last kRetiredObjects closed objects),
+//    and like a reused Windows handle value, a much older one names whatever
+//    object the memory serves now;
 //  - only the objects the library uses exist: unnamed events and mutexes,
 //    threads and socket events; there is no wait-all, no alertable wait, and
 //    mutex recursion is not limited;
@@ -25,312 +23,226 @@
 //    leaves this case undefined.
 #include "platform/Kernel.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <climits>
-#include <deque>
+#include <exception>
 #include <new>
-#include <unordered_set>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include "platform/posix/PosixInternal.h"
 
 namespace kvn_posix {
 namespace {
 
-// Objects no longer referenced are held back this long (in objects freed
-// after them) before their memory goes: a handle is the object's address, and
-// memory handed out again at once would make a just-closed handle name the
-// next object created instead of failing.
+// Closed objects wait this long (in objects closed after them) before their
+// memory serves a new object: a handle used just after its close must fail,
+// not name the next object created.
 const size_t kRetiredObjects = 1024;
-
-struct KernelState {
-    std::mutex lock;
-    std::unordered_set<KernelObject*> live;  // objects whose handle is open
-    std::deque<KernelObject*> retired;       // oldest first
-};
-
-// Never destroyed: detached threads may still wait or end while the process
-// runs its static destructors.
-KernelState& State() {
-    static KernelState* state = new KernelState;
-    return *state;
-}
 
 thread_local DWORD t_lastError = 0;
 
-bool MakeWakePipe(ThreadState& self) {
-    if (self.wakeRead >= 0) return true;
-    int fds[2];
-#if defined(__linux__)
-    if (pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) return false;
-#else
-    if (pipe(fds) != 0) return false;
-    for (int fd : fds) {
-        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-        fcntl(fd, F_SETFD, FD_CLOEXEC);
-    }
-#endif
-    self.wakeRead = fds[0];
-    self.wakeWrite = fds[1];
-    return true;
+// Objects and thread records are never freed: detached threads may still use
+// them while the process runs its static destructors, and a stale pointer
+// must never reach freed memory.
+template <class T>
+struct Pool {
+    std::mutex lock;
+    T* head = nullptr;
+    T* tail = nullptr;
+    size_t size = 0;
+};
+
+Pool<KernelObject>& Objects() {
+    static auto* pool = new Pool<KernelObject>;
+    return *pool;
 }
 
-void DrainWakePipe(ThreadState& self) {
-    char buffer[16];
-    while (read(self.wakeRead, buffer, sizeof buffer) > 0) {
-    }
-    self.wakePending = false;
+Pool<ThreadState>& Threads() {
+    static auto* pool = new Pool<ThreadState>;
+    return *pool;
 }
 
-// Takes the object for the calling thread if it is signalled: consumes an
-// auto-reset event, takes (or re-enters) a mutex. abandoned tells the taker of
-// a mutex whose previous holder ended without releasing it.
-bool TryAcquire(KernelObject* object, ThreadState& self, bool& abandoned) {
-    switch (object->kind) {
-    case ObjectKind::Event: {
-        EventObject* e = static_cast<EventObject*>(object);
-        if (!e->signalled) return false;
-        if (!e->manualReset) e->signalled = false;
-        return true;
-    }
-    case ObjectKind::Mutex: {
-        MutexObject* m = static_cast<MutexObject*>(object);
-        if (m->owner == &self) {
-            ++m->count;
-            return true;
+template <class T>
+T* Take(Pool<T>& pool, size_t keep) {
+    {
+        std::lock_guard<std::mutex> guard(pool.lock);
+        if (pool.size > keep) {
+            T* t = pool.head;
+            pool.head = t->poolNext;
+            if (!pool.head) pool.tail = nullptr;
+            --pool.size;
+            t->poolNext = nullptr;
+            return t;
         }
-        if (m->owner) return false;
-        try {
-            self.held.push_back(m);
-        } catch (...) {
-            return false;  // out of memory: the mutex stays free for others
-        }
-        m->owner = &self;
-        m->count = 1;
-        abandoned = m->abandoned;
-        m->abandoned = false;
-        ++m->refs;
-        return true;
     }
-    case ObjectKind::Thread:
-        return static_cast<ThreadObject*>(object)->ended;
-    case ObjectKind::SocketEvent:
-        return SocketEventSignalled(static_cast<SocketEventObject*>(object));
-    }
-    return false;
+    return new (std::nothrow) T;
 }
 
-void RemoveWaiter(KernelObject* object, ThreadState* self) {
-    auto it = std::find(object->waiters.begin(), object->waiters.end(), self);
-    if (it != object->waiters.end()) object->waiters.erase(it);
+template <class T>
+void Give(Pool<T>& pool, T* t) {
+    std::lock_guard<std::mutex> guard(pool.lock);
+    t->poolNext = nullptr;
+    if (pool.tail) pool.tail->poolNext = t;
+    else pool.head = t;
+    pool.tail = t;
+    ++pool.size;
 }
 
-// Milliseconds to pass to poll(), rounded up so that a wait never ends early.
-int RemainingMs(std::chrono::steady_clock::time_point deadline,
-                std::chrono::steady_clock::time_point now) {
-    auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - now).count();
-    long long ms = (left + 999) / 1000;
-    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
-}
-
-DWORD WaitAny(DWORD count, const HANDLE* handles, DWORD timeoutMs) {
-    if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || !handles) {
-        KvnSetLastError(ERROR_INVALID_PARAMETER);
-        return WAIT_FAILED;
+// Collects the threads to wake while an object's lock is held; the system
+// calls are made once it is released (the collector is declared before the
+// lock guard), so that a woken thread does not run into the lock.
+class Wakeups {
+public:
+    Wakeups() = default;
+    Wakeups(const Wakeups&) = delete;
+    Wakeups& operator=(const Wakeups&) = delete;
+    ~Wakeups() {
+        for (int i = 0; i < m_count; ++i) Kick(m_threads[i]);
     }
-    ThreadState& self = CurrentThread();
-    KernelObject* objects[MAXIMUM_WAIT_OBJECTS];
-    const bool infinite = timeoutMs == INFINITE;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-
-    std::unique_lock<std::mutex> lock(KernelLock());
-    for (DWORD i = 0; i < count; ++i) {
-        objects[i] = FindObject(handles[i]);
-        if (!objects[i]) {
-            lock.unlock();
-            KvnSetLastError(ERROR_INVALID_HANDLE);
-            return WAIT_FAILED;
-        }
-    }
-    // The wait keeps the objects alive even if their handles are closed meanwhile.
-    for (DWORD i = 0; i < count; ++i) ++objects[i]->refs;
-
-    DWORD result = WAIT_TIMEOUT;
-    DWORD error = 0;
-    bool registered = false;
-    for (;;) {
-        bool taken = false;
-        for (DWORD i = 0; i < count && !taken; ++i) {
-            bool abandoned = false;
-            if (TryAcquire(objects[i], self, abandoned)) {
-                result = (abandoned ? WAIT_ABANDONED_0 : WAIT_OBJECT_0) + i;
-                taken = true;
-            }
-        }
-        if (taken) break;
-
-        int pollMs = -1;
-        if (!infinite) {
-            auto now = std::chrono::steady_clock::now();
-            if (now >= deadline) break;
-            pollMs = RemainingMs(deadline, now);
-        }
-        if (!registered) {
-            if (!MakeWakePipe(self)) {
-                result = WAIT_FAILED;
-                error = ERROR_NOT_ENOUGH_MEMORY;
-                break;
-            }
-            try {
-                for (DWORD i = 0; i < count; ++i) objects[i]->waiters.push_back(&self);
-            } catch (...) {
-                for (DWORD i = 0; i < count; ++i) RemoveWaiter(objects[i], &self);
-                result = WAIT_FAILED;
-                error = ERROR_NOT_ENOUGH_MEMORY;
-                break;
-            }
-            registered = true;
-        }
-
-        pollfd fds[1 + MAXIMUM_WAIT_OBJECTS];
-        nfds_t nfds = 0;
-        fds[nfds++] = pollfd{self.wakeRead, POLLIN, 0};
-        for (DWORD i = 0; i < count; ++i) {
-            if (objects[i]->kind != ObjectKind::SocketEvent) continue;
-            int fd = SocketEventPollFd(static_cast<SocketEventObject*>(objects[i]));
-            if (fd >= 0) fds[nfds++] = pollfd{fd, POLLIN, 0};
-        }
-        lock.unlock();
-        // EINTR and spurious returns alike lead to a fresh check of the array.
-        poll(fds, nfds, pollMs);
-        lock.lock();
-        if (self.wakePending) DrainWakePipe(self);
+    void Add(ThreadState* t) {
+        if (t->wake.exchange(kNotified) != kParked) return;  // it looks again anyway
+        if (m_count < kMax) m_threads[m_count++] = t;
+        else Kick(t);
     }
 
-    if (registered) {
-        for (DWORD i = 0; i < count; ++i) RemoveWaiter(objects[i], &self);
-    }
-    for (DWORD i = 0; i < count; ++i) Unreference(objects[i]);
-    lock.unlock();
-    if (result == WAIT_FAILED) KvnSetLastError(error);
-    return result;
-}
+private:
+    static const int kMax = 16;
+    ThreadState* m_threads[kMax];
+    int m_count = 0;
+};
 
-// Creates the object's handle; null with ERROR_NOT_ENOUGH_MEMORY on failure.
-HANDLE Publish(KernelObject* object) {
-    if (!object) {
-        KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
+KernelObject* Validate(HANDLE h, ObjectKind kind) {
+    KernelObject* o = static_cast<KernelObject*>(h);
+    if (!KvnIsHandleOpen(h) || !IsOpen(o, kind)) {
+        KvnSetLastError(ERROR_INVALID_HANDLE);
         return nullptr;
     }
-    std::lock_guard<std::mutex> guard(KernelLock());
-    HANDLE h = PublishObject(object);
-    if (!h) KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return h;
+    return o;
 }
+
+void Unlink(ThreadState& self, KernelObject* m) {
+    if (m->heldPrev) m->heldPrev->heldNext = m->heldNext;
+    else self.heldHead = m->heldNext;
+    if (m->heldNext) m->heldNext->heldPrev = m->heldPrev;
+    m->heldPrev = m->heldNext = nullptr;
+}
+
+// Frees a mutex that its holder gives up: released, or abandoned when the
+// holder ended still holding it.
+void FreeMutex(ThreadState& self, KernelObject* m, bool abandon) {
+    m->count = 0;
+    Unlink(self, m);
+    if (abandon) m->abandoned.store(true);
+    m->owner.store(nullptr);
+    if (m->nWaiters.load() > 0) WakeWaiters(m);
+    Unreference(m);  // the holder's
+}
+
+// The record a thread leaves behind: what it held is handed on, its thread
+// object signalled, its epoll watches dropped, and the record goes back to
+// the pool.
+struct ThreadRecord {
+    ThreadState* state = nullptr;
+    ~ThreadRecord() {
+        if (!state) return;
+        ThreadState& self = *state;
+        while (self.heldHead) FreeMutex(self, self.heldHead, true);
+        for (int i = 0; i < self.nWatches; ++i) {
+            SocketEventUnwatch(self.watches[i].event, self, self.watches[i].generation);
+            Unreference(self.watches[i].event);
+            self.watches[i] = Watch();
+        }
+        self.nWatches = 0;
+        // Signalled only now, after the mutexes were abandoned: whoever waits
+        // for the thread to end then finds them free, as on Windows.
+        if (KernelObject* t = self.threadObject) {
+            self.threadObject = nullptr;
+            t->signalled.store(1);
+            WakeWaiters(t);
+            Unreference(t);
+        }
+        self.wake.store(kRunning);
+        Give(Threads(), state);
+        state = nullptr;
+    }
+};
 
 }  // namespace
 
-std::mutex& KernelLock() { return State().lock; }
-
-HANDLE PublishObject(KernelObject* object) {
-    try {
-        State().live.insert(object);
-    } catch (...) {
-        delete object;
-        return nullptr;
-    }
-    return object;
+KernelObject* CreateObject(ObjectKind kind) {
+    KernelObject* o = Take(Objects(), kRetiredObjects);
+    if (!o) return nullptr;
+    o->refs.store(1);
+    o->tag.store(static_cast<std::uint32_t>(kind) | kOpen, std::memory_order_release);
+    return o;
 }
 
-KernelObject* FindObject(HANDLE h) {
-    KernelObject* object = static_cast<KernelObject*>(h);
-    if (!h) return nullptr;
-    return State().live.count(object) ? object : nullptr;
+KernelObject* OpenObject(HANDLE h) {
+    KernelObject* o = static_cast<KernelObject*>(h);
+    if (!KvnIsHandleOpen(h) || (o->tag.load(std::memory_order_acquire) & kOpen) == 0) return nullptr;
+    return o;
 }
 
-void Unreference(KernelObject* object) {
-    if (--object->refs != 0) return;
-    std::deque<KernelObject*>& retired = State().retired;
-    try {
-        retired.push_back(object);
-    } catch (...) {
-        delete object;
-        return;
-    }
-    if (retired.size() > kRetiredObjects) {
-        delete retired.front();
-        retired.pop_front();
-    }
+void Reference(KernelObject* o) { o->refs.fetch_add(1); }
+
+void Unreference(KernelObject* o) {
+    if (o->refs.fetch_sub(1) != 1) return;
+    // Nobody uses it any more: back to its first state, then to the pool.
+    o->signalled.store(0);
+    o->manualReset = false;
+    o->owner.store(nullptr);
+    o->count = 0;
+    o->abandoned.store(false);
+    o->heldPrev = o->heldNext = nullptr;
+    o->socket = SocketBinding();
+    Give(Objects(), o);
 }
 
-void WakeWaiters(KernelObject* object) {
-    for (ThreadState* waiter : object->waiters) {
-        if (waiter->wakePending) continue;
-        char byte = 1;
-        // The pipe is empty here, so the write cannot fail for lack of room.
-        if (write(waiter->wakeWrite, &byte, 1) == 1) waiter->wakePending = true;
-    }
+void WakeWaiters(KernelObject* o) {
+    Wakeups wakeups;
+    std::lock_guard<std::mutex> guard(o->lock);
+    for (WaitLink* l = o->waiters; l; l = l->next) wakeups.Add(l->thread);
 }
 
 ThreadState& CurrentThread() {
-    thread_local ThreadState state;
-    return state;
-}
-
-void AttachThreadObject(ThreadObject* object) { CurrentThread().threadObject = object; }
-
-ThreadState::~ThreadState() {
-    {
-        std::lock_guard<std::mutex> guard(KernelLock());
-        for (MutexObject* m : held) {
-            m->owner = nullptr;
-            m->count = 0;
-            m->abandoned = true;
-            WakeWaiters(m);
-            Unreference(m);
-        }
-        held.clear();
-        // Signalled only now, after the mutexes were abandoned: whoever waits
-        // for the thread to end then finds them free, as on Windows.
-        if (threadObject) {
-            threadObject->ended = true;
-            WakeWaiters(threadObject);
-            Unreference(threadObject);
-            threadObject = nullptr;
-        }
+    thread_local ThreadRecord record;
+    if (!record.state) {
+        record.state = Take(Threads(), 0);
+        // Without a record the thread cannot wait at all; there is nothing
+        // better to do than to stop here.
+        if (!record.state) std::terminate();
     }
-    if (wakeRead >= 0) close(wakeRead);
-    if (wakeWrite >= 0) close(wakeWrite);
+    return *record.state;
 }
+
+void AttachThreadObject(KernelObject* object) { CurrentThread().threadObject = object; }
 
 }  // namespace kvn_posix
 
 using namespace kvn_posix;
 
 HANDLE KvnCreateEvent(BOOL manualReset, BOOL initialState) {
-    return Publish(new (std::nothrow) EventObject(manualReset != FALSE, initialState != FALSE));
+    KernelObject* o = CreateObject(ObjectKind::Event);
+    if (!o) {
+        KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    o->manualReset = manualReset != FALSE;
+    o->signalled.store(initialState ? 1 : 0);
+    return o;
 }
 
 namespace {
 
 // Sets or resets an event or a socket event.
 BOOL SetSignalled(HANDLE h, bool on) {
-    std::lock_guard<std::mutex> guard(KernelLock());
-    KernelObject* object = FindObject(h);
-    if (object && object->kind == ObjectKind::Event) {
-        static_cast<EventObject*>(object)->signalled = on;
-    } else if (object && object->kind == ObjectKind::SocketEvent) {
-        static_cast<SocketEventObject*>(object)->signalled = on;
-    } else {
+    KernelObject* o = static_cast<KernelObject*>(h);
+    if (!KvnIsHandleOpen(h) ||
+        (!IsOpen(o, ObjectKind::Event) && !IsOpen(o, ObjectKind::SocketEvent))) {
         KvnSetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    if (on) WakeWaiters(object);
+    o->signalled.store(on ? 1 : 0);
+    // Against a waiter that registers and then looks (Waits.cpp): either it
+    // sees the set or this sees it registered.
+    if (on && o->nWaiters.load() > 0) WakeWaiters(o);
     return TRUE;
 }
 
@@ -340,50 +252,56 @@ BOOL KvnSetEvent(HANDLE hEvent) { return SetSignalled(hEvent, true); }
 
 BOOL KvnResetEvent(HANDLE hEvent) { return SetSignalled(hEvent, false); }
 
-HANDLE KvnCreateMutex() { return Publish(new (std::nothrow) MutexObject); }
+HANDLE KvnCreateMutex() {
+    KernelObject* o = CreateObject(ObjectKind::Mutex);
+    if (!o) KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return o;
+}
+
+namespace kvn_posix {
+
+bool TryTakeMutex(KernelObject* m, ThreadState& self, bool& abandoned) {
+    ThreadState* owner = m->owner.load();
+    if (owner == &self) {
+        ++m->count;
+        return true;
+    }
+    if (owner != nullptr || !m->owner.compare_exchange_strong(owner, &self)) return false;
+    m->count = 1;
+    abandoned = m->abandoned.exchange(false);
+    Reference(m);  // the holder's
+    m->heldPrev = nullptr;
+    m->heldNext = self.heldHead;
+    if (self.heldHead) self.heldHead->heldPrev = m;
+    self.heldHead = m;
+    return true;
+}
+
+}  // namespace kvn_posix
 
 BOOL KvnReleaseMutex(HANDLE hMutex) {
+    KernelObject* m = Validate(hMutex, ObjectKind::Mutex);
+    if (!m) return FALSE;
     ThreadState& self = CurrentThread();
-    std::lock_guard<std::mutex> guard(KernelLock());
-    KernelObject* object = FindObject(hMutex);
-    if (!object || object->kind != ObjectKind::Mutex) {
-        KvnSetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
-    MutexObject* m = static_cast<MutexObject*>(object);
-    if (m->owner != &self) {
+    if (m->owner.load() != &self) {
         KvnSetLastError(ERROR_NOT_OWNER);
         return FALSE;
     }
-    if (--m->count == 0) {
-        m->owner = nullptr;
-        auto it = std::find(self.held.begin(), self.held.end(), m);
-        if (it != self.held.end()) self.held.erase(it);
-        WakeWaiters(m);
-        Unreference(m);
-    }
+    if (--m->count == 0) FreeMutex(self, m, false);
     return TRUE;
 }
 
 BOOL KvnCloseHandle(HANDLE h) {
-    std::lock_guard<std::mutex> guard(KernelLock());
-    KernelObject* object = FindObject(h);
-    if (!object) {
+    KernelObject* o = OpenObject(h);
+    std::uint32_t tag = o ? o->tag.load() : 0;
+    // Only one of two closes racing on the same handle succeeds.
+    if (!o || (tag & kOpen) == 0 || !o->tag.compare_exchange_strong(tag, tag & ~kOpen)) {
         KvnSetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    State().live.erase(object);
-    if (object->kind == ObjectKind::SocketEvent) {
-        UnbindSocketEvent(static_cast<SocketEventObject*>(object));
-    }
-    Unreference(object);
+    if (static_cast<ObjectKind>(tag & ~kOpen) == ObjectKind::SocketEvent) SocketEventClosed(o);
+    Unreference(o);
     return TRUE;
-}
-
-DWORD KvnWaitForSingleObject(HANDLE h, DWORD timeoutMs) { return WaitAny(1, &h, timeoutMs); }
-
-DWORD KvnWaitForMultipleObjects(DWORD count, const HANDLE* handles, DWORD timeoutMs) {
-    return WaitAny(count, handles, timeoutMs);
 }
 
 DWORD KvnGetLastError() { return t_lastError; }

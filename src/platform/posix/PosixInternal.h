@@ -1,125 +1,184 @@
 // Internals of the POSIX backend shared between its files: the kernel objects
-// that HANDLEs point to, the one lock that guards all of their state, the
-// per-thread record that waits and owns mutexes, and the helpers that the
-// socket-event and thread files need from the kernel-object core.
+// that HANDLEs point to, the per-thread record that waits and holds mutexes,
+// and the helpers that the socket-event and thread files need from the core.
 //
 // Not for use outside src/platform/posix/.
 #ifndef KORVANE_PLATFORM_POSIX_POSIXINTERNAL_H
 #define KORVANE_PLATFORM_POSIX_POSIXINTERNAL_H
 
+#include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
 
 #include <korvane/platform/KvnTypes.h>
 
 namespace kvn_posix {
 
 struct ThreadState;
+struct KernelObject;
 
-enum class ObjectKind { Event, Mutex, Thread, SocketEvent };
+enum class ObjectKind : std::uint32_t { Event = 1, Mutex = 2, Thread = 3, SocketEvent = 4 };
 
-// Every field of every object is guarded by KernelLock().
-//
-// An object lives while it is referenced: by its open handle, by each wait in
-// progress on it, by the thread that holds it (a mutex) or runs it (a thread
-// object). Closing the handle only drops the handle's reference, so a handle
-// closed while another thread waits on it, or while its thread runs, stays
-// safe.
-struct KernelObject {
-    explicit KernelObject(ObjectKind k) : kind(k) {}
-    virtual ~KernelObject() = default;
-    KernelObject(const KernelObject&) = delete;
-    KernelObject& operator=(const KernelObject&) = delete;
-
-    const ObjectKind kind;
-    int refs = 1;                       // the open handle's reference
-    std::vector<ThreadState*> waiters;  // threads blocked in a wait on this object
+// One thread's place in the list of waiters of one object, for the length of
+// one blocking wait; it lives on the waiting thread's stack and is only
+// touched under the object's lock.
+struct WaitLink {
+    ThreadState* thread = nullptr;
+    WaitLink* prev = nullptr;
+    WaitLink* next = nullptr;
 };
 
-struct EventObject : KernelObject {
-    EventObject(bool manual, bool initial)
-        : KernelObject(ObjectKind::Event), manualReset(manual), signalled(initial) {}
-    const bool manualReset;
-    bool signalled;
-};
-
-struct MutexObject : KernelObject {
-    MutexObject() : KernelObject(ObjectKind::Mutex) {}
-    ThreadState* owner = nullptr;
-    unsigned count = 0;      // recursion depth of the owner
-    bool abandoned = false;  // the last owner ended holding it; told to the next taker
-};
-
-struct ThreadObject : KernelObject {
-    ThreadObject() : KernelObject(ObjectKind::Thread) {}
-    bool ended = false;
-};
-
-// A manual-reset event bound to at most one socket. "signalled" is the event
-// itself; "record" is the set of network events noticed and not yet taken by
-// KvnEnumNetworkEvents. The socket is probed (a non-blocking peek) only while
-// the record is empty, so a record never holds FD_READ and FD_CLOSE together.
-struct SocketEventObject : KernelObject {
-    SocketEventObject() : KernelObject(ObjectKind::SocketEvent) {}
-    bool signalled = false;
-    int fd = -1;               // bound socket, -1 when none
+// What a socket event knows of the socket it is bound to. The event keeps a
+// descriptor of its own for the socket (a duplicate), so that what it reports
+// and what its waiters watch is that socket whatever becomes of the number
+// the application holds. Guarded by the object's lock.
+struct SocketBinding {
+    int fd = -1;               // the event's own descriptor, -1 when unbound
+    dev_t dev = 0;             // the socket's identity, for KvnCloseSocket
+    ino_t ino = 0;
     long mask = 0;             // FD_READ and/or FD_CLOSE
-    long record = 0;
+    long record = 0;           // network events noticed and not yet taken
     int closeError = 0;        // Windows Sockets error number sent with FD_CLOSE
-    bool endSeen = false;      // the stream ended (close or error): no more probing
-    bool notConnected = false; // the last probe found no connection: not polled
+    bool endSeen = false;      // the stream ended (close or error): not watched any more
+    bool notConnected = false; // the last look found no connection: not watched
     bool datagram = false;     // a zero-length datagram is data, not a close
+    std::uint32_t generation = 0;         // changes with every (un)binding
+    std::vector<ThreadState*> watchers;   // threads whose epoll set holds fd
 };
 
-// The calling thread's record: its wake-up pipe, the mutexes it holds and,
-// for threads started by this layer, the object its handle points to.
-// Its destructor runs when the thread ends (any thread: ours, std::thread,
-// the main thread at exit) and hands the mutexes it still holds to their next
-// waiters as abandoned, then signals the thread object.
+// A kernel object. A HANDLE is its address. Objects are never given back to
+// the allocator: a closed one is kept for a while, then used again for a new
+// object, so that a stale handle reads a closed object (or, much later, a
+// newer one, as a reused Windows handle value would) rather than freed memory.
+//
+// Each object carries its own state and its own waiters; there is no lock
+// shared between objects on the paths that set, reset, take or wait.
+struct KernelObject {
+    // kind, plus kOpen while the handle is open. A handle is valid while its
+    // object reads as open.
+    std::atomic<std::uint32_t> tag{0};
+    // The open handle, each wait in progress, the thread that holds it (a
+    // mutex) or runs it (a thread), each thread whose epoll set watches it (a
+    // socket event). At zero the object goes back to the pool.
+    std::atomic<int> refs{0};
+
+    std::mutex lock;  // guards the waiter list and the socket binding
+    WaitLink* waiters = nullptr;
+    std::atomic<int> nWaiters{0};
+
+    // Events, socket events (manual reset) and thread objects (ended).
+    bool manualReset = false;
+    std::atomic<int> signalled{0};
+
+    // Mutexes. count and the held links belong to the owner alone.
+    std::atomic<ThreadState*> owner{nullptr};
+    unsigned count = 0;
+    std::atomic<bool> abandoned{false};
+    KernelObject* heldPrev = nullptr;
+    KernelObject* heldNext = nullptr;
+
+    SocketBinding socket;
+
+    KernelObject* poolNext = nullptr;
+};
+
+const std::uint32_t kOpen = 0x100;
+
+inline bool IsOpen(const KernelObject* o, ObjectKind kind) {
+    return o->tag.load(std::memory_order_acquire) == (static_cast<std::uint32_t>(kind) | kOpen);
+}
+inline ObjectKind KindOf(const KernelObject* o) {
+    return static_cast<ObjectKind>(o->tag.load(std::memory_order_acquire) & ~kOpen);
+}
+
+// An open object from the pool, with one reference (its handle's); null when
+// memory ran out.
+KernelObject* CreateObject(ObjectKind kind);
+// The object behind an open handle of any kind, or null.
+KernelObject* OpenObject(HANDLE h);
+void Reference(KernelObject* o);
+// Drops one reference; at zero the object goes back to the pool.
+void Unreference(KernelObject* o);
+
+// Every thread waiting on o looks at its wait again. Takes o's lock.
+void WakeWaiters(KernelObject* o);
+
+// A socket event watched by a thread's epoll set.
+struct Watch {
+    KernelObject* event = nullptr;  // holds a reference
+    std::uint32_t generation = 0;
+    std::uint64_t serial = 0;       // the epoll registration's data
+};
+const int kMaxWatches = 64;
+
+// The calling thread's record. Records are never freed: one that a thread has
+// left goes to the next thread that needs one, so a waker that is late by a
+// moment only causes a spurious look at a wait, never a write to freed memory.
 struct ThreadState {
-    ThreadState() = default;
-    ~ThreadState();
-    ThreadState(const ThreadState&) = delete;
-    ThreadState& operator=(const ThreadState&) = delete;
+    // kRunning, kParked (asleep in a wait), kNotified (woken).
+    std::atomic<int> wake{0};
+    // How the thread sleeps while parked: kParkFutex or kParkEpoll.
+    std::atomic<int> parkMode{0};
+    // For waits that include sockets: an eventfd registered edge-triggered in
+    // an epoll set, so that a wake-up is one write and needs no read.
+    int eventFd = -1;
+    int epollFd = -1;
+    Watch watches[kMaxWatches];
+    int nWatches = 0;
 
-    int wakeRead = -1;                // created on the first blocking wait
-    int wakeWrite = -1;
-    bool wakePending = false;         // a byte sits in the pipe (guarded by the lock)
-    std::vector<MutexObject*> held;   // each holds a reference (guarded by the lock)
-    ThreadObject* threadObject = nullptr;
+    KernelObject* heldHead = nullptr;     // mutexes held, most recent first
+    KernelObject* threadObject = nullptr; // for threads started by this layer
+    ThreadState* poolNext = nullptr;
 };
 
-// The single lock over every kernel object, the handle registry and the
-// socket bindings. Nothing blocks while holding it except for the quick
-// non-blocking system calls that probe a socket or wake a waiter.
-std::mutex& KernelLock();
-
-// With the lock held: adds the object to the registry of live handles and
-// returns it as a handle, or null (and deletes it) when memory ran out.
-HANDLE PublishObject(KernelObject* object);
-// With the lock held: the live object behind h, or null.
-KernelObject* FindObject(HANDLE h);
-// With the lock held: drops one reference, deleting the object at zero.
-void Unreference(KernelObject* object);
-// With the lock held: makes every thread waiting on the object re-examine
-// its wait.
-void WakeWaiters(KernelObject* object);
+const int kRunning = 0;
+const int kParked = 1;
+const int kNotified = 2;
+const int kParkFutex = 0;
+const int kParkEpoll = 1;
 
 ThreadState& CurrentThread();
-// Called first thing by a thread started by this layer: its end signals
-// object, which it holds a reference to.
-void AttachThreadObject(ThreadObject* object);
+// Called first thing by a thread started by this layer: its end signals the
+// thread object, which it holds a reference to.
+void AttachThreadObject(KernelObject* object);
 
-// Socket events (SocketEvents.cpp), all with the lock held.
-// Probes the socket when needed; true when the event is signalled.
-bool SocketEventSignalled(SocketEventObject* event);
-// The descriptor a waiter should poll for this event, or -1.
-int SocketEventPollFd(const SocketEventObject* event);
-// Forgets the event's socket and wakes its waiters.
-void UnbindSocketEvent(SocketEventObject* event);
+// Makes sure the thread has its eventfd and epoll set; false when the system
+// refused them.
+bool PrepareEpoll(ThreadState& self);
 
-// Without the lock: unbinds any socket event from fd before it is closed.
+// Wakes a thread that was seen parked (one system call).
+void Kick(ThreadState* t);
+
+// Takes mutex m for self if it is free (or self holds it already); abandoned
+// tells the taker of a mutex whose previous holder ended holding it.
+bool TryTakeMutex(KernelObject* m, ThreadState& self, bool& abandoned);
+
+// Socket events (SocketEvents.cpp); each takes the event's lock.
+// True when the event is signalled; looks at the socket first when no epoll
+// set can watch it (a socket that was not connected last time).
+bool SocketEventReady(KernelObject* event);
+// Puts the event's socket in the thread's epoll set when it may be watched
+// (bound, connected, nothing recorded, not signalled). True when it was put
+// there; generation receives the binding it was put there for.
+bool SocketEventWatch(KernelObject* event, ThreadState& self, std::uint64_t serial,
+                      std::uint32_t& generation);
+// The socket the thread watches for this binding may still be watched.
+bool SocketEventStillWatchable(KernelObject* event, std::uint32_t generation);
+// Takes the socket out of the thread's epoll set, if the binding is still
+// the one it was put there for.
+void SocketEventUnwatch(KernelObject* event, ThreadState& self, std::uint32_t generation);
+// Takes in what epoll reported for the event's socket; true when that made
+// the event signalled.
+bool SocketEventReport(KernelObject* event, std::uint32_t generation, std::uint32_t epollEvents);
+// Closing the handle of a socket event: forgets its socket.
+void SocketEventClosed(KernelObject* event);
+
+// Without any lock: releases the socket event bound to fd (if any) before fd
+// is closed, so that the socket really closes with it.
 void ForgetSocket(int fd);
 
 // errno to a Windows Sockets error number (Sockets.cpp).

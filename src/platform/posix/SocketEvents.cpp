@@ -1,14 +1,18 @@
 // Socket events on POSIX: the WSACreateEvent / WSAEventSelect /
 // WSAEnumNetworkEvents trio over a manual-reset event of our own.
 //
-// There is no system to record network events in the background, so the
-// event looks at its socket itself: whenever it is waited on (and in
-// KvnEnumNetworkEvents) while nothing is recorded, it peeks one byte without
-// blocking. Data is FD_READ; the end of the stream (the peek returns 0) is
-// FD_CLOSE with error 0; a failure such as a reset is FD_CLOSE with its
-// Windows Sockets error. A waiter blocks in poll() on the bound socket
-// together with its wake-up pipe (KernelObjects.cpp), so nothing is polled
-// on a timer.
+// An event bound to a socket takes a descriptor of its own for it (a
+// duplicate): what it watches and reports is that socket, whatever later
+// becomes of the number the application holds (closed, and given to another
+// socket). Threads that wait on the event keep that descriptor in their epoll
+// set (Waits.cpp); when epoll reports it, data is FD_READ, and a hang-up or
+// an error is told apart by peeking one byte: data still unread is FD_READ,
+// the end of the stream FD_CLOSE with error 0, a failure such as a reset
+// FD_CLOSE with its Windows Sockets error. Nothing is polled on a timer.
+//
+// The sockets bound to events are known by their identity (device and inode
+// of the socket), not by their number, so that KvnCloseSocket can release
+// the event's descriptor before the socket itself is closed.
 //
 // Where this differs from Windows:
 //  - FD_READ is a level: after KvnEnumNetworkEvents it is reported again as
@@ -20,18 +24,28 @@
 //    FD_CONNECT are not reported;
 //  - an event watches at most one socket: selecting it for a second socket
 //    unbinds the first;
-//  - a socket that is not connected reports nothing and is not polled until
-//    a later check finds it connected.
+//  - KvnEnumNetworkEvents with a socket event takes the record of the
+//    socket that event is bound to, and nothing once it is bound to none
+//    (the socket argument serves only without a socket event);
+//  - a socket that is not connected reports nothing and is not watched
+//    until a later look finds it connected;
+//  - a socket bound to an event must be closed with KvnCloseSocket (which
+//    releases the event's descriptor); one closed otherwise stays open until
+//    the event is bound elsewhere or closed.
 #include "platform/Sockets.h"
 
 #include <cerrno>
 #include <climits>
-#include <new>
-#include <unordered_map>
+#include <map>
+#include <mutex>
+#include <utility>
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include "platform/Kernel.h"
 #include "platform/posix/PosixInternal.h"
@@ -39,46 +53,84 @@
 namespace kvn_posix {
 namespace {
 
-// Socket descriptor to the event bound to it; guarded by KernelLock().
-std::unordered_map<int, SocketEventObject*>& Bindings() {
-    static auto* bindings = new std::unordered_map<int, SocketEventObject*>;
+typedef std::pair<dev_t, ino_t> Identity;
+
+// The sockets bound to events, by identity. Taken before any event's lock;
+// used only to bind, unbind and close, never by a wait.
+struct Bindings {
+    std::mutex lock;
+    std::map<Identity, KernelObject*> events;
+};
+
+Bindings& TheBindings() {
+    static auto* bindings = new Bindings;
     return *bindings;
 }
 
-// Records what the socket has to tell, if the record is empty.
-void Probe(SocketEventObject* e) {
-    if (e->fd < 0 || e->endSeen || e->record != 0) return;
+bool IdentityOf(int fd, Identity& id) {
+    struct stat st;
+    if (fstat(fd, &st) != 0) return false;
+    id = Identity(st.st_dev, st.st_ino);
+    return true;
+}
+
+// Records what the socket has to tell, if the record is empty. Event locked.
+void Probe(KernelObject* e) {
+    SocketBinding& b = e->socket;
+    if (b.fd < 0 || b.endSeen || b.record != 0) return;
     char byte;
-    ssize_t n = recv(e->fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    if (n > 0 || (n == 0 && e->datagram)) {
-        e->notConnected = false;
-        if (e->mask & FD_READ) {
-            e->record = FD_READ;
-            e->signalled = true;
+    ssize_t n = recv(b.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n > 0 || (n == 0 && b.datagram)) {
+        b.notConnected = false;
+        if (b.mask & FD_READ) {
+            b.record = FD_READ;
+            e->signalled.store(1);
         }
         return;
     }
     int err = n == 0 ? 0 : errno;
     if (n < 0) {
         if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) {
-            e->notConnected = false;
+            b.notConnected = false;
             return;
         }
         if (err == ENOTCONN) {
-            e->notConnected = true;
+            b.notConnected = true;
             return;
         }
         // A datagram socket's error (an ICMP refusal) was consumed by the
         // peek and ends nothing.
-        if (e->datagram) return;
+        if (b.datagram) return;
     }
-    // The stream ended: reported once, and the socket is not probed again.
-    e->endSeen = true;
-    if (e->mask & FD_CLOSE) {
-        e->record = FD_CLOSE;
-        e->closeError = WsaErrorFromErrno(err);
-        e->signalled = true;
+    // The stream ended: reported once, and the socket is not looked at again.
+    b.endSeen = true;
+    if (b.mask & FD_CLOSE) {
+        b.record = FD_CLOSE;
+        b.closeError = WsaErrorFromErrno(err);
+        e->signalled.store(1);
     }
+}
+
+bool Watchable(const KernelObject* e) {
+    const SocketBinding& b = e->socket;
+    return b.fd >= 0 && !b.endSeen && !b.notConnected && b.record == 0 &&
+           e->signalled.load() == 0;
+}
+
+// Forgets the event's socket: out of every watcher's epoll set first, then
+// the event's descriptor closed. Bindings and event locked; the caller wakes
+// the waiters.
+void Unbind(KernelObject* e) {
+    SocketBinding& b = e->socket;
+    if (b.fd < 0) return;
+    for (ThreadState* t : b.watchers) epoll_ctl(t->epollFd, EPOLL_CTL_DEL, b.fd, nullptr);
+    b.watchers.clear();
+    auto it = TheBindings().events.find(Identity(b.dev, b.ino));
+    if (it != TheBindings().events.end() && it->second == e) TheBindings().events.erase(it);
+    close(b.fd);
+    b.fd = -1;
+    b.mask = 0;
+    ++b.generation;
 }
 
 int Fail(int wsaError) {
@@ -86,34 +138,100 @@ int Fail(int wsaError) {
     return -1;
 }
 
-bool IsOpenDescriptor(int fd) { return fcntl(fd, F_GETFD) != -1 || errno != EBADF; }
+KernelObject* SocketEventOf(HANDLE h) {
+    KernelObject* o = static_cast<KernelObject*>(h);
+    return KvnIsHandleOpen(h) && IsOpen(o, ObjectKind::SocketEvent) ? o : nullptr;
+}
 
 }  // namespace
 
-bool SocketEventSignalled(SocketEventObject* event) {
-    if (!event->signalled) Probe(event);
-    return event->signalled;
+bool SocketEventReady(KernelObject* e) {
+    if (e->signalled.load() != 0) return true;
+    std::lock_guard<std::mutex> guard(e->lock);
+    // A socket found not connected is not watched: it is looked at again on
+    // every look of a wait, until it is.
+    if (e->socket.notConnected) Probe(e);
+    return e->signalled.load() != 0;
 }
 
-int SocketEventPollFd(const SocketEventObject* e) {
-    if (e->fd < 0 || e->endSeen || e->notConnected || e->record != 0 || e->signalled) return -1;
-    return e->fd;
+bool SocketEventWatch(KernelObject* e, ThreadState& self, std::uint64_t serial,
+                      std::uint32_t& generation) {
+    std::lock_guard<std::mutex> guard(e->lock);
+    if (!Watchable(e)) return false;
+    epoll_event ev;
+    ev.events = EPOLLIN | EPOLLRDHUP;
+    ev.data.u64 = serial;
+    if (epoll_ctl(self.epollFd, EPOLL_CTL_ADD, e->socket.fd, &ev) != 0 &&
+        (errno != EEXIST || epoll_ctl(self.epollFd, EPOLL_CTL_MOD, e->socket.fd, &ev) != 0)) {
+        return false;
+    }
+    try {
+        e->socket.watchers.push_back(&self);
+    } catch (...) {
+        epoll_ctl(self.epollFd, EPOLL_CTL_DEL, e->socket.fd, nullptr);
+        return false;
+    }
+    generation = e->socket.generation;
+    return true;
 }
 
-void UnbindSocketEvent(SocketEventObject* e) {
-    if (e->fd < 0) return;
-    auto it = Bindings().find(e->fd);
-    if (it != Bindings().end() && it->second == e) Bindings().erase(it);
-    e->fd = -1;
-    e->mask = 0;
-    // Waiters drop the descriptor from their poll sets.
+bool SocketEventStillWatchable(KernelObject* e, std::uint32_t generation) {
+    std::lock_guard<std::mutex> guard(e->lock);
+    return e->socket.generation == generation && Watchable(e);
+}
+
+void SocketEventUnwatch(KernelObject* e, ThreadState& self, std::uint32_t generation) {
+    std::lock_guard<std::mutex> guard(e->lock);
+    SocketBinding& b = e->socket;
+    // An unbinding took it out of every set already.
+    if (b.generation != generation || b.fd < 0) return;
+    for (size_t i = 0; i < b.watchers.size(); ++i) {
+        if (b.watchers[i] != &self) continue;
+        epoll_ctl(self.epollFd, EPOLL_CTL_DEL, b.fd, nullptr);
+        b.watchers.erase(b.watchers.begin() + static_cast<long>(i));
+        return;
+    }
+}
+
+bool SocketEventReport(KernelObject* e, std::uint32_t generation, std::uint32_t epollEvents) {
+    std::lock_guard<std::mutex> guard(e->lock);
+    if (e->socket.generation != generation || !Watchable(e)) return false;
+    if (epollEvents & (EPOLLERR | EPOLLHUP | EPOLLRDHUP)) {
+        // Data may still come before the end: the peek tells.
+        Probe(e);
+    } else if ((epollEvents & EPOLLIN) && (e->socket.mask & FD_READ)) {
+        e->socket.record = FD_READ;
+        e->signalled.store(1);
+    }
+    return e->signalled.load() != 0;
+}
+
+void SocketEventClosed(KernelObject* e) {
+    {
+        std::lock_guard<std::mutex> bindings(TheBindings().lock);
+        std::lock_guard<std::mutex> guard(e->lock);
+        Unbind(e);
+    }
     WakeWaiters(e);
 }
 
 void ForgetSocket(int fd) {
-    std::lock_guard<std::mutex> guard(KernelLock());
-    auto it = Bindings().find(fd);
-    if (it != Bindings().end()) UnbindSocketEvent(it->second);
+    Identity id;
+    if (!IdentityOf(fd, id)) return;
+    KernelObject* e = nullptr;
+    {
+        std::lock_guard<std::mutex> bindings(TheBindings().lock);
+        auto it = TheBindings().events.find(id);
+        if (it == TheBindings().events.end()) return;
+        e = it->second;
+        std::lock_guard<std::mutex> guard(e->lock);
+        Unbind(e);
+        // Until the waiters have been told, the object must not go back to
+        // the pool (its handle may be closed by now).
+        Reference(e);
+    }
+    WakeWaiters(e);
+    Unreference(e);
 }
 
 }  // namespace kvn_posix
@@ -121,15 +239,10 @@ void ForgetSocket(int fd) {
 using namespace kvn_posix;
 
 WSAEVENT KvnCreateSocketEvent() {
-    SocketEventObject* e = new (std::nothrow) SocketEventObject;
-    if (!e) {
-        KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    std::lock_guard<std::mutex> guard(KernelLock());
-    HANDLE h = PublishObject(e);
-    if (!h) KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return h;
+    KernelObject* o = CreateObject(ObjectKind::SocketEvent);
+    if (!o) KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    else o->manualReset = true;
+    return o;
 }
 
 BOOL KvnCloseSocketEvent(WSAEVENT hEvent) { return KvnCloseHandle(hEvent); }
@@ -142,6 +255,8 @@ int KvnSocketEventSelect(SOCKET s, WSAEVENT hEvent, long events) {
     const long supported = FD_READ | FD_CLOSE;
     if ((events & ~supported) != 0 || events == FD_CLOSE) return Fail(WSAEINVAL);
 
+    Identity id;
+    if (!IdentityOf(fd, id)) return Fail(WSAENOTSOCK);
     bool datagram = false;
     if (events != 0) {
         int flags = fcntl(fd, F_GETFL);
@@ -156,63 +271,94 @@ int KvnSocketEventSelect(SOCKET s, WSAEVENT hEvent, long events) {
         datagram = type == SOCK_DGRAM;
     }
 
-    std::lock_guard<std::mutex> guard(KernelLock());
-    KernelObject* object = FindObject(hEvent);
-    if (!object || object->kind != ObjectKind::SocketEvent) return Fail(WSAEINVAL);
-    SocketEventObject* e = static_cast<SocketEventObject*>(object);
-
-    // A new selection replaces the socket's previous one and clears the record.
-    auto it = Bindings().find(fd);
-    if (it != Bindings().end()) UnbindSocketEvent(it->second);
-    UnbindSocketEvent(e);
-    e->record = 0;
-    e->closeError = 0;
-    e->endSeen = false;
-    e->notConnected = false;
-    if (events == 0) return 0;
-    try {
-        Bindings()[fd] = e;
-    } catch (...) {
-        return Fail(10055);  // WSAENOBUFS
+    KernelObject* e = SocketEventOf(hEvent);
+    if (!e) return Fail(WSAEINVAL);
+    const int own = events != 0 ? fcntl(fd, F_DUPFD_CLOEXEC, 3) : -1;
+    if (events != 0 && own < 0) return Fail(WsaErrorFromErrno(errno));
+    KernelObject* previous = nullptr;
+    bool bound = events == 0;
+    {
+        std::lock_guard<std::mutex> bindings(TheBindings().lock);
+        // A new selection replaces the socket's previous one.
+        auto it = TheBindings().events.find(id);
+        if (it != TheBindings().events.end() && it->second != e) {
+            previous = it->second;
+            std::lock_guard<std::mutex> guard(previous->lock);
+            Unbind(previous);
+            Reference(previous);  // until its waiters are told
+        }
+        std::lock_guard<std::mutex> guard(e->lock);
+        Unbind(e);
+        SocketBinding& b = e->socket;
+        b.record = 0;
+        b.closeError = 0;
+        b.endSeen = false;
+        b.notConnected = false;
+        if (events != 0) {
+            try {
+                TheBindings().events[id] = e;
+                b.fd = own;
+                b.dev = id.first;
+                b.ino = id.second;
+                b.mask = events;
+                b.datagram = datagram;
+                bound = true;
+            } catch (...) {
+                close(own);
+            }
+        }
     }
-    e->fd = fd;
-    e->mask = events;
-    e->datagram = datagram;
+    if (previous) {
+        WakeWaiters(previous);
+        Unreference(previous);
+    }
     // Threads already waiting on the event start watching the socket.
     WakeWaiters(e);
-    return 0;
+    return bound ? 0 : Fail(10055);  // WSAENOBUFS
 }
 
 int KvnEnumNetworkEvents(SOCKET s, WSAEVENT hEvent, long* events, int* closeError) {
     if (s > static_cast<SOCKET>(INT_MAX)) return Fail(WSAENOTSOCK);
     const int fd = static_cast<int>(s);
 
-    std::lock_guard<std::mutex> guard(KernelLock());
-    KernelObject* reset = nullptr;
+    KernelObject* given = nullptr;
     if (hEvent) {
-        reset = FindObject(hEvent);
-        if (!reset || (reset->kind != ObjectKind::SocketEvent && reset->kind != ObjectKind::Event)) {
+        given = static_cast<KernelObject*>(hEvent);
+        if (!KvnIsHandleOpen(hEvent) ||
+            (!IsOpen(given, ObjectKind::SocketEvent) && !IsOpen(given, ObjectKind::Event))) {
             return Fail(WSAEINVAL);
         }
     }
     long taken = 0;
     int error = 0;
-    auto it = Bindings().find(fd);
-    if (it != Bindings().end()) {
-        SocketEventObject* bound = it->second;
+    // Takes the record of the socket bound to `bound`, whose lock is held.
+    auto take = [&](KernelObject* bound) {
         Probe(bound);
-        taken = bound->record;
-        error = bound->closeError;
-        bound->record = 0;
-        bound->closeError = 0;
-    } else if (!IsOpenDescriptor(fd)) {
-        return Fail(WSAENOTSOCK);
-    }
-    // As WSAEnumNetworkEvents, the event passed is reset, whichever socket it watches.
-    if (reset && reset->kind == ObjectKind::SocketEvent) {
-        static_cast<SocketEventObject*>(reset)->signalled = false;
-    } else if (reset) {
-        static_cast<EventObject*>(reset)->signalled = false;
+        taken = bound->socket.record;
+        error = bound->socket.closeError;
+        bound->socket.record = 0;
+        bound->socket.closeError = 0;
+    };
+    if (given && KindOf(given) == ObjectKind::SocketEvent) {
+        // Only the event's own socket: one it no longer watches (closed, and
+        // its number perhaps taken by another socket) has nothing to tell.
+        std::lock_guard<std::mutex> guard(given->lock);
+        if (given->socket.fd >= 0) take(given);
+        // Reset under the lock: a report coming just after sets both again.
+        given->signalled.store(0);
+    } else {
+        Identity id;
+        if (!IdentityOf(fd, id)) return Fail(WSAENOTSOCK);
+        {
+            std::lock_guard<std::mutex> bindings(TheBindings().lock);
+            auto it = TheBindings().events.find(id);
+            if (it != TheBindings().events.end()) {
+                std::lock_guard<std::mutex> guard(it->second->lock);
+                take(it->second);
+            }
+        }
+        // As WSAEnumNetworkEvents, the event passed is reset, whichever socket it watches.
+        if (given) given->signalled.store(0);
     }
     if (events) *events = taken;
     if (closeError) *closeError = (taken & FD_CLOSE) ? error : 0;

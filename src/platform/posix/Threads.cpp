@@ -38,7 +38,7 @@ struct StartBlock {
     KvnThreadProc proc;
     KvnThreadProcNoResult procNoResult;
     void* arg;
-    ThreadObject* object;  // null for KvnBeginThread
+    KernelObject* object;  // null for KvnBeginThread
 };
 
 void* ThreadStart(void* p) {
@@ -80,36 +80,22 @@ HANDLE KvnBeginThreadEx(KvnThreadProc proc, void* arg) {
         KvnSetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    ThreadObject* object = new (std::nothrow) ThreadObject;
-    StartBlock* block = new (std::nothrow) StartBlock{proc, nullptr, arg, object};
-    if (!object || !block) {
-        delete object;
-        delete block;
+    KernelObject* object = CreateObject(ObjectKind::Thread);
+    StartBlock* block = object ? new (std::nothrow) StartBlock{proc, nullptr, arg, object} : nullptr;
+    if (!block) {
+        if (object) KvnCloseHandle(object);
         KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
-    HANDLE h;
-    {
-        std::lock_guard<std::mutex> guard(KernelLock());
-        h = PublishObject(object);  // deletes the object on failure
-        if (h) ++object->refs;      // the running thread's reference
-    }
-    if (!h) {
-        delete block;
-        KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
+    Reference(object);  // the running thread's
     if (!Start(block)) {
         delete block;
-        {
-            std::lock_guard<std::mutex> guard(KernelLock());
-            Unreference(object);  // the thread's reference; the handle's goes below
-        }
-        KvnCloseHandle(h);
+        Unreference(object);  // the thread's; the handle's goes below
+        KvnCloseHandle(object);
         KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
-    return h;
+    return object;
 }
 
 BOOL KvnBeginThread(KvnThreadProcNoResult proc, void* arg) {
