@@ -439,6 +439,8 @@ public:
 protected:
     int m_GetIdApplication();
     int m_SendToServiceLoader(const char* host, int port);
+    // Free, telling the end of the session to hWndNotice.
+    void m_FreeSession(HWND hWndNotice);
     void m_CloseThreads();
     void m_NotifyComLost();
     // Brings the two events that mirror the main link in line with

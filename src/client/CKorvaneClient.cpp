@@ -145,16 +145,18 @@ CKorvaneClient::~CKorvaneClient() {
 int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
                          const wchar_t* nomApplication, int& dbType, int logLevel,
                          const wchar_t* logPath, HWND hWnd) {
-    m_hWnd = hWnd;
     CMsgSocketClient msg;
 
+    // The previous session's threads read the host, the port, the name and
+    // the window: they are stopped before any of these changes. The end of
+    // that session is still told to the window given now.
+    m_FreeSession(hWnd);
+    m_hWnd = hWnd;
     CopyCut(m_szAdresseHost, sizeof m_szAdresseHost / sizeof m_szAdresseHost[0], host);
     m_nPortHost = port;
     m_nPortServiceLoader = portServiceLoader;
     CopyCut(m_szNomApplication, sizeof m_szNomApplication / sizeof m_szNomApplication[0],
             nomApplication);
-
-    Free();
 
     // Once per process, by the first client that asks for a log. Without a
     // file name nothing is ever logged: the threshold stays 0.
@@ -240,7 +242,9 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
     return KVN_ERROR_UNKNOWN;
 }
 
-void CKorvaneClient::Free() {
+void CKorvaneClient::Free() { m_FreeSession(m_hWnd); }
+
+void CKorvaneClient::m_FreeSession(HWND hWndNotice) {
     const SOCKET sock = m_sockPrincipale;
     if (KvnIsSocketOpen(sock)) {
         CMsgSocketClient msg;
@@ -263,7 +267,7 @@ void CKorvaneClient::Free() {
         if (m_bAllConnected) KvnSetEvent(m_hEvtPerteComm);
         m_bAllConnected = FALSE;
         m_nNbConnected = 0;  // no link is up any more
-        PostNotification(m_hWnd, g_nMsgPerteComm);
+        PostNotification(hWndNotice, g_nMsgPerteComm);
     }
     m_CloseThreads();
 }
