@@ -440,23 +440,46 @@ protected:
     int m_GetIdApplication();
     int m_SendToServiceLoader(const char* host, int port);
     // Free, telling the end of the session to hWndNotice.
-    void m_FreeSession(HWND hWndNotice);
+    void m_FreeSession(kvn::HWND hWndNotice);
     void m_CloseThreads();
-    void m_NotifyComLost();
-    // Brings the two events that mirror the main link in line with
-    // m_bSockPrincipaleConnected and m_bAppliInitialisee; called after every
-    // change of them.
-    void m_SignaleLienPrincipal();
+    // Declares the main link lost, once: nothing happens when it is already
+    // down, or when nGeneration (a value of m_nLienGeneration that the caller
+    // saw) names a link that has been re-opened since.
+    void m_NotifyComLost(int nGeneration = -1);
     void m_ClearConnexionList();
 
-    // Connection registry.
+    // The main link, under m_mutexConnected: up or down, with its event.
+    void m_SetLienPrincipal(kvn::Bool bUp);
+    // The main link's thread, owner of the main socket, closes it.
+    void m_FermeSockPrincipale();
+    // Threads that outlived their stop time-out still use this object: they
+    // are kept here, and waited for before Init takes new arguments and
+    // before the object goes.
+    void m_GardeThread(kvn::HANDLE hThread);
+    void m_AttendThreadsRestants();
+
+    // Connection registry. With bReference the connection found is counted
+    // for the caller, who releases it (CCnxRef).
     int m_AddConnexionList(CConnexionKorvane* cnx);
-    CConnexionKorvane* m_GetConnexionByIdList(int hCnx);
+    CConnexionKorvane* m_GetConnexionByIdList(int hCnx, bool bReference = false);
     CConnexionKorvane* m_GetLastConnexionList();
     int m_DelConnexionList(int hCnx);
     void m_DeconnecteAllConnexionList();
+    // Asks the threads of the connections that are down to look at the main
+    // link again (it is back).
+    void m_ReveilleConnexions();
+    // The count of links up. m_IncConnected() for the main link,
+    // m_IncConnected(cnx) for a connection re-opened by its thread,
+    // m_DecConnected() after a connection's socket closed.
     void m_IncConnected();
+    void m_IncConnected(CConnexionKorvane* cnx);
     void m_DecConnected();
+    // Counts the links up and, when they all are, completes the
+    // communication; under m_mutexConnected.
+    void m_CompteLiens();
+    // Stops a connection's thread (waiting up to waitThreadMs) and lets go of
+    // the registry's reference.
+    void m_DetruitConnexion(CConnexionKorvane* cnx, kvn::DWORD waitThreadMs);
 
     // Copies column col of the current row into valeur; sets the connection's
     // status (0 found, -2/100 not found). Always 0.
@@ -473,6 +496,8 @@ protected:
     CMutex m_mutexAccesList;
     CMutex m_mutexGetConnexion;
     CMutex m_mutexReInit;
+    CMutex m_mutexThreadsRestants;  // guards m_listThreadsRestants
+    CPtrArray m_listThreadsRestants;
     kvn::HANDLE m_hEvtPerteComm;
     kvn::HANDLE m_hEvtCommOK;
     kvn::HANDLE m_hEvtCommModified;
@@ -480,11 +505,12 @@ protected:
     kvn::HANDLE m_hEvtFermetureForcee;
     kvn::HANDLE m_hEvtKorvaneClosed;
     kvn::HANDLE m_hEvtHB;
+    // Manual reset: set by a loss, reset when the main link is back, so that
+    // a loss wakes every request in flight at that moment.
     kvn::HANDLE m_hEvtPerteCommInterne;
-    // Manual reset, one of the two set: "up" while the main link is open and
-    // the application registered, "down" otherwise. The threads that depend
-    // on the main link sleep on the one that ends their wait.
-    kvn::HANDLE m_hEvtLienPrincipalUp;
+    // Manual reset, set while the main link is down (under m_mutexConnected,
+    // with m_bSockPrincipaleConnected): the main link's thread and the
+    // heartbeat supervision sleep on it.
     kvn::HANDLE m_hEvtLienPrincipalDown;
     wchar_t m_szAdresseHost[20];
     int m_nPortHost;
@@ -506,6 +532,9 @@ protected:
     int m_nNextIdConnexion;
     std::atomic<kvn::Bool> m_bAllConnected;
     std::atomic<int> m_nDBType;
+    // Counts the openings of the main link (Init, each re-opening), so that
+    // a loss seen on a link that is gone is not declared for the new one.
+    std::atomic<int> m_nLienGeneration;
 
     friend unsigned ThreadSockPrincipale(void* arg);
     friend unsigned ThreadHeartBeat(void* arg);

@@ -1,10 +1,20 @@
 // CConnexionKorvane: construction and destruction of one logical connection.
 //
-// The socket, the four events and the thread are created by GetConnexion and
-// closed by the registry's deletion sequence (Connexions.cpp), not here.
+// The socket, the events and the thread are created by GetConnexion; the
+// last reference to the connection closes what is left of them.
 #include "client/CConnexionKorvane.h"
 
 #include "platform/Kernel.h"
+#include "platform/Sockets.h"
+
+namespace {
+
+void CloseHandleIfOpen(HANDLE& h) {
+    if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
+    h = nullptr;
+}
+
+}  // namespace
 
 CConnexionKorvane::CConnexionKorvane()
     : m_sock(INVALID_SOCKET),
@@ -14,13 +24,16 @@ CConnexionKorvane::CConnexionKorvane()
       m_hEvtEnvoi(INVALID_HANDLE_VALUE),
       msgSended(INVALID_HANDLE_VALUE),
       hEvtResultArrived(INVALID_HANDLE_VALUE),
+      m_hEvtReveil(INVALID_HANDLE_VALUE),
       m_hThreadSockClient(nullptr),
       m_pMsgAEnvoyer(nullptr),
       m_bMsgSended(FALSE),
+      m_dwTickEnvoi(0),
       m_nResultat(0),
       m_nCodeErreur(0),
       m_nNbResultats(0),
-      m_nNbParamProc(0) {}
+      m_nNbParamProc(0),
+      m_nRefs(1) {}
 
 CConnexionKorvane::~CConnexionKorvane() {
     // The texts of the result slots are released here, and their pointers
@@ -31,4 +44,18 @@ CConnexionKorvane::~CConnexionKorvane() {
     }
     if (KvnIsHandleOpen(m_hThreadSockClient)) KvnCloseHandle(m_hThreadSockClient);
     m_hThreadSockClient = nullptr;
+}
+
+void CConnexionKorvane::Release() {
+    if (m_nRefs.fetch_sub(1) != 1) return;
+    // Nobody uses the connection any more: its thread has ended (it held a
+    // reference), so whatever it left open is closed here.
+    SOCKET sock = m_sock.exchange(INVALID_SOCKET);
+    if (KvnIsSocketOpen(sock)) KvnCloseSocket(sock);
+    CloseHandleIfOpen(m_hEvtFermeture);
+    CloseHandleIfOpen(hEvtResultArrived);
+    CloseHandleIfOpen(m_hEvtEnvoi);
+    CloseHandleIfOpen(msgSended);
+    CloseHandleIfOpen(m_hEvtReveil);
+    delete this;
 }

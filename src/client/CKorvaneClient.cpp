@@ -13,6 +13,7 @@
 #include "client/CConnexionKorvane.h"
 #include "client/ClientGlobals.h"
 #include "client/ClientThreads.h"
+#include "client/ClientTimings.h"
 #include "diag/Log.h"
 #include "net/Transport.h"
 #include "platform/DebugOutput.h"
@@ -102,7 +103,8 @@ CKorvaneClient::CKorvaneClient()
       m_nNbConnected(0),
       m_nNextIdConnexion(1),
       m_bAllConnected(FALSE),
-      m_nDBType(0) {
+      m_nDBType(0),
+      m_nLienGeneration(0) {
     m_hEvtPerteComm = KvnCreateEvent(FALSE, FALSE);
     m_hEvtCommOK = KvnCreateEvent(FALSE, FALSE);
     m_hEvtCommModified = KvnCreateEvent(FALSE, FALSE);
@@ -110,8 +112,7 @@ CKorvaneClient::CKorvaneClient()
     m_hEvtWarningFermetureForcee = KvnCreateEvent(FALSE, FALSE);
     m_hEvtFermetureForcee = KvnCreateEvent(FALSE, FALSE);
     m_hEvtKorvaneClosed = KvnCreateEvent(FALSE, FALSE);
-    m_hEvtPerteCommInterne = KvnCreateEvent(FALSE, FALSE);
-    m_hEvtLienPrincipalUp = KvnCreateEvent(TRUE, FALSE);
+    m_hEvtPerteCommInterne = KvnCreateEvent(TRUE, FALSE);
     m_hEvtLienPrincipalDown = KvnCreateEvent(TRUE, TRUE);
     m_hEvtStopThreads = KvnCreateEvent(TRUE, FALSE);
     m_hEvtStopSockPrincipale = KvnCreateEvent(TRUE, FALSE);
@@ -122,6 +123,7 @@ CKorvaneClient::CKorvaneClient()
 
 CKorvaneClient::~CKorvaneClient() {
     Free();
+    m_AttendThreadsRestants();
     CloseHandleIfOpen(m_hEvtStopThreads);
     CloseHandleIfOpen(m_hEvtStopSockPrincipale);
     CloseHandleIfOpen(m_hEvtPerteComm);
@@ -133,7 +135,6 @@ CKorvaneClient::~CKorvaneClient() {
     CloseHandleIfOpen(m_hEvtKorvaneClosed);
     CloseHandleIfOpen(m_hEvtThreadCnxStarted);
     CloseHandleIfOpen(m_hEvtPerteCommInterne);
-    CloseHandleIfOpen(m_hEvtLienPrincipalUp);
     CloseHandleIfOpen(m_hEvtLienPrincipalDown);
     if (KvnIsHandleOpen(m_hWsaEvtPrincipale)) KvnCloseSocketEvent(m_hWsaEvtPrincipale);
     m_hWsaEvtPrincipale = nullptr;
@@ -151,6 +152,9 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
     // the window: they are stopped before any of these changes. The end of
     // that session is still told to the window given now.
     m_FreeSession(hWnd);
+    m_AttendThreadsRestants();
+    KvnResetEvent(m_hEvtStopThreads);
+    KvnResetEvent(m_hEvtStopSockPrincipale);
     m_hWnd = hWnd;
     CopyCut(m_szAdresseHost, sizeof m_szAdresseHost / sizeof m_szAdresseHost[0], host);
     m_nPortHost = port;
@@ -217,8 +221,12 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
         m_nDBType = dbType;
         m_nIdApplication = msg.GetIdApplication();
         // Before the threads start: they take a set "down" for a loss.
-        m_bAppliInitialisee = TRUE;
-        m_SignaleLienPrincipal();
+        m_mutexConnected.Lock(INFINITE);
+        m_SetLienPrincipal(TRUE);
+        ++m_nLienGeneration;
+        // What a loss of the previous session left set is no loss of this one.
+        KvnResetEvent(m_hEvtPerteCommInterne);
+        m_mutexConnected.Unlock();
         // The main link is supervised from here on: ThreadSockPrincipale
         // owns it and re-opens it after a loss, ThreadHeartBeat watches the
         // service's heartbeat. m_CloseThreads stops both.
@@ -245,11 +253,18 @@ int CKorvaneClient::Init(const wchar_t* host, int port, int portServiceLoader,
 void CKorvaneClient::Free() { m_FreeSession(m_hWnd); }
 
 void CKorvaneClient::m_FreeSession(HWND hWndNotice) {
+    // The main socket is its thread's: the lock keeps the thread from closing
+    // it (and its number from going to another socket) during this send.
+    m_mutexConnected.Lock(INFINITE);
     const SOCKET sock = m_sockPrincipale;
-    if (KvnIsSocketOpen(sock)) {
+    const bool open = KvnIsSocketOpen(sock);
+    if (open) {
         CMsgSocketClient msg;
         msg.Init(m_nIdApplication, 0, sock, &m_paramComm);
         msg.SendCloseApplication();
+    }
+    m_mutexConnected.Unlock();
+    if (open) {
         KvnSleep(kFreeAfterCloseMs);
 
         if (!m_mutexAccesList.Lock(kFreeAccesListLockMs)) {
@@ -264,10 +279,12 @@ void CKorvaneClient::m_FreeSession(HWND hWndNotice) {
         m_mutexAccesList.Unlock();
 
         m_bInit = FALSE;
+        m_mutexConnected.Lock(INFINITE);
         if (m_bAllConnected) KvnSetEvent(m_hEvtPerteComm);
         m_bAllConnected = FALSE;
         m_nNbConnected = 0;  // no link is up any more
         PostNotification(hWndNotice, g_nMsgPerteComm);
+        m_mutexConnected.Unlock();
     }
     m_CloseThreads();
 }
@@ -282,50 +299,102 @@ void CKorvaneClient::m_CloseThreads() {
     // Ends ThreadHeartBeat and every ThreadSockClient.
     KvnSetEvent(m_hEvtStopThreads);
 
-    HANDLE heartBeat = m_hThreadHeartBeat;
+    HANDLE heartBeat = m_hThreadHeartBeat.exchange(nullptr);
     if (heartBeat != nullptr &&
-        KvnWaitForSingleObject(heartBeat, kHeartBeatStopMs) == WAIT_TIMEOUT) {
+        KvnWaitForSingleObject(heartBeat, KvnStopWaitMs(kHeartBeatStopMs)) == WAIT_TIMEOUT) {
         KvnDebugOutput(L"\r\nCKorvaneClient::CloseThreads Wait TimeOut 10000 on  m_hThreadHeartBeat");
+        m_GardeThread(heartBeat);
+        heartBeat = nullptr;
     }
+    CloseHandleIfOpen(heartBeat);
 
     for (int i = 0; i < m_listConnexion.GetSize(); ++i) {
-        DetruitConnexion(static_cast<CConnexionKorvane*>(m_listConnexion.GetAt(i)),
-                         kCloseThreadsCnxWaitMs);
+        m_DetruitConnexion(static_cast<CConnexionKorvane*>(m_listConnexion.GetAt(i)),
+                           KvnStopWaitMs(kCloseThreadsCnxWaitMs));
     }
     m_listConnexion.RemoveAll();
 
     bool sockPrincipaleLibre = true;
     if (m_hThreadSockPrincipale != nullptr) {
         KvnSetEvent(m_hEvtStopSockPrincipale);
-        if (KvnWaitForSingleObject(m_hThreadSockPrincipale, kSockPrincipaleStopMs) ==
-            WAIT_TIMEOUT) {
+        if (KvnWaitForSingleObject(m_hThreadSockPrincipale,
+                                   KvnStopWaitMs(kSockPrincipaleStopMs)) == WAIT_TIMEOUT) {
             KvnDebugOutput(
                 L"\r\nCKorvaneClient::CloseThreads Wait TimeOut 40000 on m_hThreadSockPrincipale");
+            m_GardeThread(m_hThreadSockPrincipale);
+            m_hThreadSockPrincipale = nullptr;
             sockPrincipaleLibre = false;
         }
     }
-    // The main socket thread closes the main socket as it ends; when there is
-    // none (a refused Init leaves the socket open) it is closed here, so that
-    // no session outlives Free.
-    if (sockPrincipaleLibre) {
-        SOCKET sock = m_sockPrincipale.exchange(INVALID_SOCKET);
-        if (KvnIsSocketOpen(sock)) KvnCloseSocket(sock);
-        if (KvnIsHandleOpen(m_hWsaEvtPrincipale)) KvnCloseSocketEvent(m_hWsaEvtPrincipale);
-        m_hWsaEvtPrincipale = nullptr;
-        m_bSockPrincipaleConnected = FALSE;
-        m_bAppliInitialisee = FALSE;
-        m_SignaleLienPrincipal();
+    // The main socket thread may have started a supervisor of a link it
+    // re-opened meanwhile; it ends on the stop event.
+    heartBeat = m_hThreadHeartBeat.exchange(nullptr);
+    if (heartBeat != nullptr &&
+        KvnWaitForSingleObject(heartBeat, KvnStopWaitMs(kHeartBeatStopMs)) == WAIT_TIMEOUT) {
+        m_GardeThread(heartBeat);
+        heartBeat = nullptr;
     }
+    CloseHandleIfOpen(heartBeat);
 
-    // A later Init can start threads again.
-    KvnResetEvent(m_hEvtStopThreads);
-    KvnResetEvent(m_hEvtStopSockPrincipale);
+    // A later Init can start threads again; a thread that outlived its wait
+    // still has to see them (Init resets them once it has ended).
+    m_mutexThreadsRestants.Lock(INFINITE);
+    if (m_listThreadsRestants.GetSize() == 0) {
+        KvnResetEvent(m_hEvtStopThreads);
+        KvnResetEvent(m_hEvtStopSockPrincipale);
+    }
+    m_mutexThreadsRestants.Unlock();
 
     CloseHandleIfOpen(m_hThreadSockPrincipale);
-    HANDLE hb = m_hThreadHeartBeat.exchange(nullptr);
-    CloseHandleIfOpen(hb);
 
     m_mutexAccesList.Unlock();
+
+    // The main socket thread closes the main socket as it ends; when there is
+    // none (a refused Init leaves the socket open) it is closed here, so that
+    // no session outlives Free. After the registry: m_mutexConnected comes
+    // first.
+    if (sockPrincipaleLibre) {
+        m_FermeSockPrincipale();
+        if (KvnIsHandleOpen(m_hWsaEvtPrincipale)) KvnCloseSocketEvent(m_hWsaEvtPrincipale);
+        m_hWsaEvtPrincipale = nullptr;
+        m_mutexConnected.Lock(INFINITE);
+        m_SetLienPrincipal(FALSE);
+        m_mutexConnected.Unlock();
+    }
+}
+
+void CKorvaneClient::m_FermeSockPrincipale() {
+    m_mutexConnected.Lock(INFINITE);
+    const SOCKET sock = m_sockPrincipale.exchange(INVALID_SOCKET);
+    m_mutexConnected.Unlock();
+    if (KvnIsSocketOpen(sock)) KvnCloseSocket(sock);
+}
+
+void CKorvaneClient::m_GardeThread(HANDLE hThread) {
+    if (!KvnIsHandleOpen(hThread)) return;
+    m_mutexThreadsRestants.Lock(INFINITE);
+    if (m_listThreadsRestants.Add(hThread) < 0) {
+        // Out of memory: waited for here, as nothing else could.
+        m_mutexThreadsRestants.Unlock();
+        KvnWaitForSingleObject(hThread, INFINITE);
+        KvnCloseHandle(hThread);
+        return;
+    }
+    m_mutexThreadsRestants.Unlock();
+}
+
+void CKorvaneClient::m_AttendThreadsRestants() {
+    for (;;) {
+        m_mutexThreadsRestants.Lock(INFINITE);
+        const int n = m_listThreadsRestants.GetSize();
+        HANDLE h = n > 0 ? m_listThreadsRestants.GetAt(n - 1) : nullptr;
+        if (n > 0) m_listThreadsRestants.RemoveAt(n - 1);
+        m_mutexThreadsRestants.Unlock();
+        if (h == nullptr) return;
+        // It has been told to end: it does once its current step is over.
+        KvnWaitForSingleObject(h, INFINITE);
+        KvnCloseHandle(h);
+    }
 }
 
 // ---- Accessors -------------------------------------------------------------------------

@@ -49,11 +49,4 @@ const DWORD kCloseThreadsCnxWaitMs = 30000;
 // is 0 or msg could not be registered. Never waits for the application.
 void PostNotification(HWND hWnd, UINT msg);
 
-// The deletion of one connection: asks its thread to end and waits for it up
-// to waitThreadMs, closes its socket (when the thread left it open), its
-// events and its thread handle, and destroys the object. When the thread does
-// not end in time the object, its events and its handle are left alone (the
-// thread still uses them) and false is returned; true otherwise.
-bool DetruitConnexion(CConnexionKorvane* cnx, DWORD waitThreadMs);
-
 #endif

@@ -1,8 +1,9 @@
 // Time limits of the request hand-off between the application's threads and
 // a connection's thread, in milliseconds. They are constants of the library:
-// no configuration changes them. Only the answer wait can be shortened, and
-// only by tests, so that a service that never answers can be tested without
-// waiting four minutes.
+// no configuration changes them. Only the answer wait and the waits for a
+// thread to end can be shortened, and only by tests, so that a service that
+// never answers, or a thread stuck in an exchange, can be tested without
+// waiting minutes.
 #ifndef KORVANE_CLIENT_CLIENTTIMINGS_H
 #define KORVANE_CLIENT_CLIENTTIMINGS_H
 
@@ -46,5 +47,10 @@ const DWORD KVN_PAUSE_ODD_EVENTS_MS = 20;
 DWORD KvnGetAnswerWaitMs();
 // Tests only: sets the answer wait; 0 restores KVN_ANSWER_WAIT_MS.
 void KvnSetAnswerWaitForTests(DWORD ms);
+
+// A wait for a thread to end of ms, unless a test cut it shorter.
+DWORD KvnStopWaitMs(DWORD ms);
+// Tests only: caps every wait for a thread to end at ms; 0 restores them.
+void KvnSetStopWaitsForTests(DWORD ms);
 
 #endif

@@ -15,6 +15,7 @@
 #include "client/CConnexionKorvane.h"
 #include "client/ClientGlobals.h"
 #include "client/ClientThreads.h"
+#include "client/ClientTimings.h"
 #include "diag/Log.h"
 #include "net/Transport.h"
 #include "platform/DebugOutput.h"
@@ -28,10 +29,6 @@ namespace {
 // GetConnexion gives up on the connection.
 const DWORD kThreadCnxStartMs = 2000;
 
-void CloseHandleIfOpen(HANDLE& h) {
-    if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
-    h = nullptr;
-}
 
 // "CKorvaneClient::<member> m_mutexAccesList.Lock() ABANDON", to the log and
 // to the debugger output.
@@ -57,33 +54,27 @@ const wchar_t* RefusText(int code) {
 
 }  // namespace
 
-bool DetruitConnexion(CConnexionKorvane* cnx, DWORD waitThreadMs) {
-    if (cnx == nullptr) return true;
+void CKorvaneClient::m_DetruitConnexion(CConnexionKorvane* cnx, DWORD waitThreadMs) {
+    if (cnx == nullptr) return;
+    // Requests that still hold the connection find it down.
+    cnx->m_bConnected = FALSE;
     if (KvnIsHandleOpen(cnx->m_hThreadSockClient) && KvnIsHandleOpen(cnx->m_hEvtFermeture)) {
         KvnSetEvent(cnx->m_hEvtFermeture);
         // The thread closes the connection's socket as it ends.
         if (KvnWaitForSingleObject(cnx->m_hThreadSockClient, waitThreadMs) != WAIT_OBJECT_0) {
-            // Still running: it would use the object after its destruction.
-            // The object is given up rather than freed under the thread.
+            // Still running: it keeps the connection (it holds a reference)
+            // and uses this client; it is waited for before the client goes.
             DStr line;
-            line.Printf(L"\r\nCKorvaneClient: le thread de la connexion %d ne s'arrete pas, "
-                        L"connexion abandonnee",
+            line.Printf(L"\r\nCKorvaneClient: le thread de la connexion %d ne s'arrete pas",
                         cnx->m_nIdConnexion);
             KvnDebugOutput(line);
-            return false;
+            m_GardeThread(cnx->m_hThreadSockClient);
+            cnx->m_hThreadSockClient = nullptr;
         }
     }
-    // No thread runs on the connection any more: whatever it left open is
-    // closed here.
-    SOCKET sock = cnx->m_sock.exchange(INVALID_SOCKET);
-    if (KvnIsSocketOpen(sock)) KvnCloseSocket(sock);
-    CloseHandleIfOpen(cnx->m_hEvtFermeture);
-    CloseHandleIfOpen(cnx->hEvtResultArrived);
-    CloseHandleIfOpen(cnx->m_hEvtEnvoi);
-    CloseHandleIfOpen(cnx->msgSended);
-    CloseHandleIfOpen(cnx->m_hThreadSockClient);
-    delete cnx;
-    return true;
+    // Whoever lets go last (the thread, an operation in progress, or this)
+    // closes what is left open and destroys the object.
+    cnx->Release();
 }
 
 // ---- Opening and freeing --------------------------------------------------------------
@@ -159,34 +150,38 @@ int CKorvaneClient::GetConnexion() {
         cnx->hEvtResultArrived = KvnCreateEvent(FALSE, FALSE);
         cnx->m_hEvtEnvoi = KvnCreateEvent(FALSE, FALSE);
         cnx->msgSended = KvnCreateEvent(FALSE, FALSE);
+        cnx->m_hEvtReveil = KvnCreateEvent(FALSE, FALSE);
 
         // The block is the thread's: it frees it once it has read it, so it
         // stays valid however long the thread takes to start, also after this
-        // function has stopped waiting for it.
+        // function has stopped waiting for it. It carries the thread's own
+        // reference to the connection.
         CParamThreadCnx* param = nullptr;
         if (cnx->m_hEvtFermeture && cnx->hEvtResultArrived && cnx->m_hEvtEnvoi &&
-            cnx->msgSended) {
+            cnx->msgSended && cnx->m_hEvtReveil) {
             param = new (std::nothrow) CParamThreadCnx;
         }
         if (param != nullptr) {
             param->pClient = this;
             param->pConnexion = cnx;
+            cnx->AddRef();
             KvnResetEvent(m_hEvtThreadCnxStarted);
             cnx->m_hThreadSockClient = KvnBeginThreadEx(&ThreadSockClient, param);
             if (cnx->m_hThreadSockClient == nullptr) {
                 delete param;  // no thread will read it
                 param = nullptr;
+                cnx->Release();
             }
         }
         if (param == nullptr) {
             // No thread could be started: the connection never was usable.
             m_lastError = L"Impossible d'executer le thread de la nouvelle connexion";
-            DetruitConnexion(cnx, 0);
+            m_DetruitConnexion(cnx, 0);
             break;
         }
         if (!m_AddConnexionList(cnx)) {
             // Not in the registry, no operation could ever find it.
-            DetruitConnexion(cnx, kDelConnexionThreadWaitMs);
+            m_DetruitConnexion(cnx, KvnStopWaitMs(kDelConnexionThreadWaitMs));
             break;
         }
 
@@ -212,8 +207,31 @@ int CKorvaneClient::GetConnexion() {
 }
 
 int CKorvaneClient::FreeConnexion(int hCnx) {
+    // An operation in progress on the connection ends first, as a second
+    // operation would wait for it; past that wait the deletion goes on, and
+    // the operation's own reference keeps the object until it returns.
+    CCnxRef cnx;
+    if (m_mutexAccesList.Lock(kAccesListLockMs)) {
+        for (int i = 0; i < m_listConnexion.GetSize() && !cnx; ++i) {
+            CConnexionKorvane* c = static_cast<CConnexionKorvane*>(m_listConnexion.GetAt(i));
+            if (c != nullptr && c->m_nIdConnexion == hCnx) {
+                c->AddRef();
+                cnx = CCnxRef(c);
+            }
+        }
+        m_mutexAccesList.Unlock();
+    }
+    const bool held = cnx && cnx->mutexUseCnx.Lock(KVN_TIMEOUT_USE_CNX_MS);
     // No message to the service: it sees the connection's socket close.
-    return m_DelConnexionList(hCnx) == 1 ? KVN_NO_ERROR : KVN_ERROR_UNKNOWN;
+    const int deleted = m_DelConnexionList(hCnx);
+    if (held) cnx->mutexUseCnx.Unlock();
+    if (deleted == 1) {
+        // It may have been the last link missing after a loss.
+        m_mutexConnected.Lock(INFINITE);
+        m_CompteLiens();
+        m_mutexConnected.Unlock();
+    }
+    return deleted == 1 ? KVN_NO_ERROR : KVN_ERROR_UNKNOWN;
 }
 
 BOOL CKorvaneClient::IsConnexionConnected(int hCnx) {
@@ -234,7 +252,7 @@ int CKorvaneClient::m_AddConnexionList(CConnexionKorvane* cnx) {
     return added;
 }
 
-CConnexionKorvane* CKorvaneClient::m_GetConnexionByIdList(int hCnx) {
+CConnexionKorvane* CKorvaneClient::m_GetConnexionByIdList(int hCnx, bool bReference) {
     if (!m_mutexAccesList.Lock(kAccesListLockMs)) {
         LockAbandon(L"m_GetConnexionByIdList");
         return nullptr;
@@ -245,6 +263,7 @@ CConnexionKorvane* CKorvaneClient::m_GetConnexionByIdList(int hCnx) {
         CConnexionKorvane* cnx = static_cast<CConnexionKorvane*>(m_listConnexion.GetAt(i));
         if (cnx != nullptr && cnx->m_nIdConnexion == hCnx) found = cnx;
     }
+    if (found != nullptr && bReference) found->AddRef();
     m_mutexAccesList.Unlock();
 
     if (found == nullptr) {
@@ -287,8 +306,8 @@ int CKorvaneClient::m_DelConnexionList(int hCnx) {
         m_mutexAccesList.Unlock();
         return 0;
     }
-    DetruitConnexion(cnx, kDelConnexionThreadWaitMs);
     m_listConnexion.RemoveAt(index);
+    m_DetruitConnexion(cnx, KvnStopWaitMs(kDelConnexionThreadWaitMs));
     m_mutexAccesList.Unlock();
     return 1;
 }
@@ -301,11 +320,27 @@ void CKorvaneClient::m_DeconnecteAllConnexionList() {
     const int count = m_listConnexion.GetSize();
     for (int i = 0; i < count; ++i) {
         CConnexionKorvane* cnx = static_cast<CConnexionKorvane*>(m_listConnexion.GetAt(i));
-        if (cnx != nullptr) cnx->m_bConnected = FALSE;
+        if (cnx != nullptr && cnx->m_bConnected) {
+            cnx->m_bConnected = FALSE;
+            KvnSetEvent(cnx->m_hEvtReveil);
+        }
     }
     // Each connection's thread now closes its socket and waits for the main
-    // link to come back before re-opening it.
+    // link to come back before re-opening it. A connection opened after this
+    // (GetConnexion while the link is down) is not concerned: it is up.
     KvnSetEvent(m_hEvtCommModified);
+    m_mutexAccesList.Unlock();
+}
+
+void CKorvaneClient::m_ReveilleConnexions() {
+    if (!m_mutexAccesList.Lock(kAccesListLockMs)) {
+        LockAbandon(L"m_ReveilleConnexions");
+        return;
+    }
+    for (int i = 0; i < m_listConnexion.GetSize(); ++i) {
+        CConnexionKorvane* cnx = static_cast<CConnexionKorvane*>(m_listConnexion.GetAt(i));
+        if (cnx != nullptr && !cnx->m_bConnected) KvnSetEvent(cnx->m_hEvtReveil);
+    }
     m_mutexAccesList.Unlock();
 }
 
@@ -315,40 +350,53 @@ void CKorvaneClient::m_ClearConnexionList() {
 
 // ---- The count of links up -------------------------------------------------------------------
 // The main link and each registered connection count as one link each. The
-// count restarts from 0 only after a loss or Free; deleting a connection does
-// not lower it.
+// count is taken afresh from the links themselves, under m_mutexConnected,
+// rather than added to and taken from: a connection that closes after a loss
+// (the service going away closes them all at once) must not be taken off a
+// count that the loss already restarted from nothing, and a connection freed
+// while the others re-open must not leave the count one short for good.
+// "Every link up" is still told exactly once per recovery: m_bAllConnected
+// goes back to 0 only with a loss (or Free), and m_hEvtCommOK is set only when
+// it goes to 1.
+
+void CKorvaneClient::m_CompteLiens() {
+    const bool principal = m_bSockPrincipaleConnected && m_bAppliInitialisee;
+    if (!m_mutexAccesList.Lock(kAccesListLockMs)) {
+        LockAbandon(L"m_IncConnected");
+        return;
+    }
+    int up = principal ? 1 : 0;
+    const int count = m_listConnexion.GetSize();
+    for (int i = 0; i < count; ++i) {
+        CConnexionKorvane* cnx = static_cast<CConnexionKorvane*>(m_listConnexion.GetAt(i));
+        if (cnx != nullptr && cnx->m_bConnected) ++up;
+    }
+    m_nNbConnected = up;
+    if (!m_bAllConnected && principal && up == count + 1) {
+        // The flag first: an application woken by the event must find its
+        // requests accepted.
+        m_bAllConnected = TRUE;
+        KvnSetEvent(m_hEvtCommOK);
+    }
+    m_mutexAccesList.Unlock();
+}
 
 void CKorvaneClient::m_IncConnected() {
     m_mutexConnected.Lock(INFINITE);
-    const int count = ++m_nNbConnected;
-    if (!m_bAllConnected) {
-        if (m_mutexAccesList.Lock(kAccesListLockMs)) {
-            // Every link is up again: requests are accepted from now on.
-            if (count == m_listConnexion.GetSize() + 1) {
-                // The flag first: an application woken by the event must
-                // find its requests accepted.
-                m_bAllConnected = TRUE;
-                KvnSetEvent(m_hEvtCommOK);
-            }
-            m_mutexAccesList.Unlock();
-        } else {
-            LockAbandon(L"m_IncConnected");
-        }
-    }
+    m_CompteLiens();
+    m_mutexConnected.Unlock();
+}
+
+void CKorvaneClient::m_IncConnected(CConnexionKorvane* cnx) {
+    // Up under the lock: a loss marks down exactly the connections up before it.
+    m_mutexConnected.Lock(INFINITE);
+    cnx->m_bConnected = TRUE;
+    m_CompteLiens();
     m_mutexConnected.Unlock();
 }
 
 void CKorvaneClient::m_DecConnected() {
     m_mutexConnected.Lock(INFINITE);
-    // A loss restarts the count from 0, and the links are counted again as
-    // they come back. The service going away closes every link at once, and
-    // a connection's thread may notice its own socket closing only after the
-    // loss reset the count: taking that link off again would leave the count
-    // one short for good, and the session refusing every request. So a close
-    // counts only while the session is whole, and never below 0 (the test
-    // and the decrement are one atomic step against the reset).
-    int count = m_nNbConnected;
-    while (m_bAllConnected && count > 0 && !m_nNbConnected.compare_exchange_weak(count, count - 1)) {
-    }
+    m_CompteLiens();
     m_mutexConnected.Unlock();
 }

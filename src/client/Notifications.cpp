@@ -4,8 +4,6 @@
 //
 // Not for deciding that the link is lost (the main socket thread, the
 // heartbeat and the request frame do that) nor for re-opening it.
-#include <mutex>
-
 #include <korvane/CKorvaneClient.h>
 
 #include "client/ClientGlobals.h"
@@ -26,25 +24,30 @@ HANDLE CKorvaneClient::GetEventWarningFermetureForcee() { return m_hEvtWarningFe
 HANDLE CKorvaneClient::GetEventFermetureForcee() { return m_hEvtFermetureForcee; }
 HANDLE CKorvaneClient::GetEventKorvaneClosed() { return m_hEvtKorvaneClosed; }
 
-// Runs on whichever thread saw the loss, possibly on two at once for the same
-// loss: the socket is taken out of the field before it is closed, so that it
-// is closed once; the events and the message simply follow twice.
-void CKorvaneClient::m_NotifyComLost() {
-    SOCKET sock = m_sockPrincipale.exchange(INVALID_SOCKET);
-    if (sock != 0 && sock != INVALID_SOCKET) KvnCloseSocket(sock);
-
-    m_nNbConnected = 0;
-    m_bSockPrincipaleConnected = FALSE;
-    m_bAppliInitialisee = FALSE;
+// Runs on whichever thread saw the loss, possibly on several at once for the
+// same loss (the main socket closing, the connections' sockets closing under
+// requests, the heartbeat): under m_mutexConnected, only the first finds the
+// link up, and the loss is announced once.
+void CKorvaneClient::m_NotifyComLost(int nGeneration) {
+    m_mutexConnected.Lock(INFINITE);
+    const bool up = m_bSockPrincipaleConnected && m_bAppliInitialisee;
+    if (!up || (nGeneration >= 0 && nGeneration != m_nLienGeneration)) {
+        m_mutexConnected.Unlock();
+        return;
+    }
+    m_SetLienPrincipal(FALSE);
+    // The main socket is its thread's to close: shutting it down wakes that
+    // thread, and its number cannot go to another socket meanwhile (the
+    // thread closes it under this lock).
+    const SOCKET sock = m_sockPrincipale;
+    if (KvnIsSocketOpen(sock)) KvnShutdown(sock);
 
     // During a shutdown the connections are being deleted: they are left to
     // it rather than marked down under its feet.
     if (KvnWaitForSingleObject(m_hEvtStopThreads, 0) != WAIT_OBJECT_0) {
         m_DeconnecteAllConnexionList();
     }
-    // Wakes the main link's thread (to re-open it), ThreadHeartBeat (to end)
-    // and the connections' threads (to close their sockets).
-    m_SignaleLienPrincipal();
+    m_nNbConnected = 0;
     m_bAllConnected = FALSE;
 
     // The application first, then the requests in flight, which give up at
@@ -52,19 +55,12 @@ void CKorvaneClient::m_NotifyComLost() {
     KvnSetEvent(m_hEvtPerteComm);
     KvnSetEvent(m_hEvtPerteCommInterne);
     PostNotification(m_hWnd, g_nMsgPerteComm);
+    m_mutexConnected.Unlock();
 }
 
-// Serialised, so that the last call leaves the events as the flags were last
-// left; within a call "down" is set before "up" is reset and the other way
-// round, so that a waiter never finds both reset.
-void CKorvaneClient::m_SignaleLienPrincipal() {
-    static std::mutex serialise;
-    std::lock_guard<std::mutex> lock(serialise);
-    if (m_bSockPrincipaleConnected && m_bAppliInitialisee) {
-        KvnSetEvent(m_hEvtLienPrincipalUp);
-        KvnResetEvent(m_hEvtLienPrincipalDown);
-    } else {
-        KvnSetEvent(m_hEvtLienPrincipalDown);
-        KvnResetEvent(m_hEvtLienPrincipalUp);
-    }
+void CKorvaneClient::m_SetLienPrincipal(BOOL bUp) {
+    m_bSockPrincipaleConnected = bUp;
+    m_bAppliInitialisee = bUp;
+    if (bUp) KvnResetEvent(m_hEvtLienPrincipalDown);
+    else KvnSetEvent(m_hEvtLienPrincipalDown);
 }

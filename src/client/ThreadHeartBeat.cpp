@@ -157,6 +157,9 @@ unsigned ThreadHeartBeat(void* arg) {
 
     CReceiver* rx = new (std::nothrow) CReceiver;
     if (rx == nullptr) return 0;
+    // The opening of the link this supervisor watches: once it is gone, so is
+    // the supervisor, and a late heartbeat of it is no loss of the next one.
+    const int generation = pClient->m_nLienGeneration;
     const CParamComm param = pClient->m_paramComm;
     const DWORD timeOut = TimeOutHeartBeat(param);
     pClient->m_dwLastHeartBeat = KvnGetTickCount();
@@ -203,7 +206,7 @@ unsigned ThreadHeartBeat(void* arg) {
         }
         const DWORD r = KvnWaitForMultipleObjects(nbWaits, waits, wait);
         if (r == WAIT_OBJECT_0 || r == WAIT_OBJECT_0 + 1 || r == WAIT_FAILED) break;
-        if (!pClient->m_bSockPrincipaleConnected) break;
+        if (!pClient->m_bSockPrincipaleConnected || pClient->m_nLienGeneration != generation) break;
 
         int len = 0;
         const BYTE* block = rx->fifo.GetFifo(len);
@@ -226,7 +229,7 @@ unsigned ThreadHeartBeat(void* arg) {
         if (!seen || now - lastCheck < kLossCheckMs) continue;
         lastCheck = now;
         if (now - pClient->m_dwLastHeartBeat.load() > timeOut) {
-            pClient->m_NotifyComLost();
+            pClient->m_NotifyComLost(generation);
             WriteLogF(2,
                       L"Korvane a l'adresse %ls n'a pas envoye de message de vie ==> perte de "
                       L"communication",

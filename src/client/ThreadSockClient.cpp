@@ -14,11 +14,11 @@
 //    hEvtResultArrived;
 //  - the caller withdraws its request under m_mutexEnvoi before it ends.
 //
-// The thread blocks in one wait over its three events, the client's event
-// for the main link (its loss while the connection is up, its return while
-// the connection is down) and the socket's event, so a handed-over request is
-// sent as soon as it is published and a change of the main link is seen at
-// once.
+// The thread blocks in one wait over its three events, its wake-up event
+// (set when a loss marks the connection down, and when the main link comes
+// back while it is down) and, while it is up, the socket's event, so a
+// handed-over request is sent as soon as it is published and a change of the
+// main link is seen at once. The thread owns the socket: only it closes it.
 #include <ctime>
 #include <cwchar>
 #include <random>
@@ -46,7 +46,7 @@ enum {
     kIdxStop = 0,
     kIdxFermeture = 1,
     kIdxEnvoi = 2,
-    kIdxLien = 3,
+    kIdxReveil = 3,
     kIdxSocket = 4,
 };
 
@@ -65,13 +65,11 @@ public:
     void Run();
 
 private:
-    // What the wait of one pass found: kPerte and kRetour are the main link's
-    // "down" (waited for while the connection is up) and "up" (while down).
-    enum Reveil { kStop, kFermeture, kEnvoi, kPerte, kRetour, kSocket, kRien };
+    // What the wait of one pass found.
+    enum Reveil { kStop, kFermeture, kEnvoi, kReveil, kSocket, kRien };
 
     Reveil Attend(DWORD timeoutMs);
     void TraiteSocket();
-    void TraiteDeconnexion();
     void Reouvre();
     // Waits up to ms, or less when the thread is asked to end. True when it
     // is.
@@ -98,8 +96,12 @@ unsigned ThreadSockClient(void* arg) {
     delete param;
     if (client == nullptr || cnx == nullptr) return 0;
 
-    CThreadSockClient thread(client, cnx);
-    thread.Run();
+    {
+        CThreadSockClient thread(client, cnx);
+        thread.Run();
+    }
+    // The thread's reference, counted for it by GetConnexion.
+    cnx->Release();
     return 0;
 }
 
@@ -119,6 +121,7 @@ void EnvoiRequeteCnx(CConnexionKorvane* cnx) {
         int r = msg->SendMessage(cnx->m_sock, -1, -1);
         cnx->m_nCodeErreur = r;
         if (r == 1) {
+            cnx->m_dwTickEnvoi = KvnGetTickCount();
             cnx->m_bMsgSended = 1;
             msg->ClearMessage();
         } else {
@@ -141,6 +144,7 @@ CThreadSockClient::CThreadSockClient(CKorvaneClient* client, CConnexionKorvane* 
     m_handles[kIdxStop] = client->m_hEvtStopThreads;
     m_handles[kIdxFermeture] = cnx->m_hEvtFermeture;
     m_handles[kIdxEnvoi] = cnx->m_hEvtEnvoi;
+    m_handles[kIdxReveil] = cnx->m_hEvtReveil;
     m_hSockEvt = KvnCreateSocketEvent();
     m_handles[kIdxSocket] = m_hSockEvt;
     WriteLogF(3, L"Demarrage de ThreadSockClient pour gerer la connexion = %d)",
@@ -167,18 +171,15 @@ bool CThreadSockClient::LienPrincipalOk() const {
 }
 
 CThreadSockClient::Reveil CThreadSockClient::Attend(DWORD timeoutMs) {
-    // Up: a loss of the main link ends the wait, and the socket's event takes
-    // part. Down: the return of the main link ends it.
-    const bool connecte = m_pCnx->m_bConnected == 1;
-    m_handles[kIdxLien] =
-        connecte ? m_pClient->m_hEvtLienPrincipalDown : m_pClient->m_hEvtLienPrincipalUp;
-    const bool avecSocket = m_hSockEvt != nullptr && connecte && KvnIsSocketOpen(m_pCnx->m_sock);
+    // The socket's event takes part only while the connection is up.
+    const bool avecSocket =
+        m_hSockEvt != nullptr && m_pCnx->m_bConnected == 1 && KvnIsSocketOpen(m_pCnx->m_sock);
     DWORD r = KvnWaitForMultipleObjects(avecSocket ? 5 : 4, m_handles, timeoutMs);
     switch (r) {
     case WAIT_OBJECT_0 + kIdxStop: return kStop;
     case WAIT_OBJECT_0 + kIdxFermeture: return kFermeture;
     case WAIT_OBJECT_0 + kIdxEnvoi: return kEnvoi;
-    case WAIT_OBJECT_0 + kIdxLien: return connecte ? kPerte : kRetour;
+    case WAIT_OBJECT_0 + kIdxReveil: return kReveil;
     case WAIT_OBJECT_0 + kIdxSocket: return kSocket;
     case WAIT_TIMEOUT: return kRien;
     default:
@@ -195,15 +196,13 @@ bool CThreadSockClient::Pause(DWORD ms) {
 void CThreadSockClient::Run() {
     const int id = m_pCnx->m_nIdConnexion;
     for (;;) {
-        // A connection marked down (by the loss routine, possibly before this
-        // thread first got here) keeps no socket while it waits.
-        if (m_pCnx->m_bConnected != 1) CloseCnxSocket(m_pCnx);
+        // A connection marked down (by a loss, possibly before this thread
+        // first got here) keeps no socket while it waits.
+        const bool connecte = m_pCnx->m_bConnected == 1;
+        if (!connecte) CloseCnxSocket(m_pCnx);
         // Sleep until something happens; down with the main link up, re-open
         // at once.
-        const DWORD timeoutMs =
-            m_pCnx->m_bConnected != 1 && LienPrincipalOk() ? 0 : INFINITE;
-
-        Reveil r = Attend(timeoutMs);
+        const Reveil r = Attend(!connecte && LienPrincipalOk() ? 0 : INFINITE);
         if (r == kStop) break;
         if (r == kFermeture) {
             WriteLogF(4, L"ThreadSockClient: fermeture connexion %d demandee", id);
@@ -218,27 +217,9 @@ void CThreadSockClient::Run() {
                 m_pCnx->m_bConnected = 0;
             continue;
         }
-        // The events of the main link can be ahead of its flags for a moment
-        // while a loss or a return is being declared.
-        if ((r == kPerte || r == kRetour) && (r == kPerte) == LienPrincipalOk()) {
-            Pause(KVN_PAUSE_WAIT_MAIN_LINK_MS);  // an end is seen next pass
-            continue;
-        }
-        if (r == kPerte && m_pCnx->m_bConnected == 1) {
-            // Normally the loss routine marked the connection down already.
-            // Still up, it was re-opened (and counted) by this thread after
-            // the loss restarted the count: it goes down with the link, and
-            // out of the count again.
-            m_pCnx->m_bConnected = 0;
-            m_pClient->m_mutexConnected.Lock(INFINITE);
-            if (m_pClient->m_nNbConnected > 0) --m_pClient->m_nNbConnected;
-            m_pClient->m_mutexConnected.Unlock();
-        }
-        if (m_pCnx->m_bConnected == 1) {
-            if (r == kSocket) TraiteSocket();
-        } else {
-            TraiteDeconnexion();
-        }
+        // kReveil: the top of the loop sees what changed.
+        if (r == kSocket && m_pCnx->m_bConnected == 1) TraiteSocket();
+        if (r == kRien) Reouvre();
     }
     Fin();
 }
@@ -264,11 +245,6 @@ void CThreadSockClient::TraiteSocket() {
     } else if (events != 0) {
         KvnSleep(KVN_PAUSE_ODD_EVENTS_MS);
     }
-}
-
-void CThreadSockClient::TraiteDeconnexion() {
-    CloseCnxSocket(m_pCnx);
-    if (LienPrincipalOk()) Reouvre();
 }
 
 void CThreadSockClient::Reouvre() {
@@ -304,15 +280,14 @@ void CThreadSockClient::Reouvre() {
     WriteLogF(3, L"ThreadSockClient: la socket de la connexion = %d vient de se reconnecter a "
                  L"Korvane",
               id);
-    m_pCnx->m_bConnected = 1;
     if (m_hSockEvt != nullptr) {
         KvnResetSocketEvent(m_hSockEvt);
         KvnSocketEventSelect(s, m_hSockEvt, FD_READ | FD_CLOSE);
     }
     KvnSetEvent(m_pClient->m_hEvtCommModified);
-    // Under g_mutexReconnecte: the order is g_mutexReconnecte, m_mutexConnected,
-    // m_mutexAccesList.
-    m_pClient->m_IncConnected();
+    // Up, and counted, in one step. Under g_mutexReconnecte: the order is
+    // g_mutexReconnecte, m_mutexConnected, m_mutexAccesList.
+    m_pClient->m_IncConnected(m_pCnx);
     g_mutexReconnecte.Unlock();
 }
 

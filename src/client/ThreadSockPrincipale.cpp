@@ -21,6 +21,7 @@
 
 #include "client/ClientGlobals.h"
 #include "client/ClientThreads.h"
+#include "client/ClientTimings.h"
 #include "diag/Log.h"
 #include "net/Transport.h"
 #include "platform/DebugOutput.h"
@@ -54,10 +55,6 @@ const unsigned kPauseRefusSpread = 3000;
 // Five REINIT_APPLICATION refusals in a row: the service no longer knows the
 // application; it is registered anew with INIT_APPLICATION.
 const int kRefusAvantInit = 5;
-// A link marked up without its socket, or marked up while its "down" event is
-// set, is looked at again after this pause: both are passing states of a loss
-// that is being declared elsewhere.
-const DWORD kAttenteSocketMs = 50;
 // After a network-event set that is neither a read nor a close alone.
 const DWORD kPauseEvenementsMs = 20;
 // The ThreadHeartBeat of a lost link ends within about 10 ms of the loss,
@@ -91,6 +88,7 @@ private:
     char m_szHost[sizeof(CKorvaneClient::m_szAdresseHost) / sizeof(wchar_t)];
     int m_nEchecs;  // failed connects since the link was last up
     int m_nRefus;   // refused registrations since the link was last up
+    int m_nGeneration;  // the opening of the link this thread watches
     // A generator of the thread's own: the application's rand() sequence is
     // left alone.
     std::minstd_rand m_random;
@@ -118,7 +116,12 @@ unsigned ThreadSockPrincipale(void* arg) {
 
 CThreadSockPrincipale::CThreadSockPrincipale(CKorvaneClient* client, CMsgSocketClient* msgInit,
                                              CMsgSocketClient* msgRecu)
-    : m_pClient(client), m_pMsgInit(msgInit), m_pMsgRecu(msgRecu), m_nEchecs(0), m_nRefus(0) {
+    : m_pClient(client),
+      m_pMsgInit(msgInit),
+      m_pMsgRecu(msgRecu),
+      m_nEchecs(0),
+      m_nRefus(0),
+      m_nGeneration(client->m_nLienGeneration) {
     m_pMsgRecu->SetParamComm(&client->m_paramComm);
     // Init cuts the host to the field, terminator included.
     WideToNarrow(m_szHost, client->m_szAdresseHost);
@@ -136,41 +139,29 @@ void CThreadSockPrincipale::Run() {
     CKorvaneClient* c = m_pClient;
     for (;;) {
         if (!c->m_bSockPrincipaleConnected) {
+            // The socket of the lost link is this thread's to close, whoever
+            // declared the loss (they only shut it down).
+            c->m_FermeSockPrincipale();
             if (Reouvre() == kFin) break;
         }
         if (StopDemande(0)) break;
-
-        SOCKET s = c->m_sockPrincipale;
-        if (!KvnIsSocketOpen(s)) {
-            // The loss routine takes the socket out before it marks the link
-            // down. A link still marked up without its socket was lost while
-            // it was being re-opened: it goes through the loss routine again,
-            // so that the links are counted from nothing once more.
-            if (c->m_bSockPrincipaleConnected) {
-                if (Pause(kAttenteSocketMs)) break;
-                if (c->m_bSockPrincipaleConnected && !KvnIsSocketOpen(c->m_sockPrincipale)) {
-                    c->m_NotifyComLost();
-                }
-            }
-            continue;
-        }
+        const SOCKET s = c->m_sockPrincipale;
         HANDLE evt = c->m_hWsaEvtPrincipale;
-        if (evt == nullptr) {
-            if (Pause(kAttenteSocketMs)) break;
+        if (!KvnIsSocketOpen(s) || evt == nullptr) {
+            // Up without a socket to watch: only the loss is waited for.
+            HANDLE waits[2] = {c->m_hEvtStopSockPrincipale, c->m_hEvtLienPrincipalDown};
+            if (KvnWaitForMultipleObjects(2, waits, INFINITE) != WAIT_OBJECT_0 + 1) break;
             continue;
         }
-        // The stop event first: a stop wins over data waiting. A loss
-        // declared by another thread (heartbeat, request) sets "down".
-        HANDLE waits[3] = {c->m_hEvtStopSockPrincipale, evt, c->m_hEvtLienPrincipalDown};
-        DWORD r = KvnWaitForMultipleObjects(3, waits, INFINITE);
+        // The stop event first: a stop wins over data waiting. Then a loss
+        // declared by another thread (heartbeat, request), which also shuts
+        // the socket down: it is not taken for a close seen here.
+        HANDLE waits[3] = {c->m_hEvtStopSockPrincipale, c->m_hEvtLienPrincipalDown, evt};
+        const DWORD r = KvnWaitForMultipleObjects(3, waits, INFINITE);
         if (r == WAIT_OBJECT_0) break;
-        if (r == WAIT_OBJECT_0 + 1) {
+        if (r == WAIT_OBJECT_0 + 2) {
             TraiteSocket(s);
-        } else if (r == WAIT_OBJECT_0 + 2) {
-            // Normally the link is marked down already and the next pass
-            // re-opens it.
-            if (c->m_bSockPrincipaleConnected && Pause(kAttenteSocketMs)) break;
-        } else {
+        } else if (r != WAIT_OBJECT_0 + 1) {
             KvnSleep(kPauseEvenementsMs);
         }
     }
@@ -182,7 +173,6 @@ void CThreadSockPrincipale::TraiteSocket(SOCKET s) {
     long events = 0;
     int closeError = 0;
     if (KvnEnumNetworkEvents(s, c->m_hWsaEvtPrincipale, &events, &closeError) != 0) {
-        // The socket was closed under the thread: the next pass sees why.
         KvnSleep(kPauseEvenementsMs);
         return;
     }
@@ -202,8 +192,8 @@ void CThreadSockPrincipale::TraiteSocket(SOCKET s) {
         WriteLogF(3, L"ThreadSockPrincipale: MAIN socket loose is connexion with Korvane. Err = %d",
                   closeError);
         m_nEchecs = kEchecsApresFermeture;
-        c->m_NotifyComLost();
-    } else {
+        c->m_NotifyComLost(m_nGeneration);
+    } else if (events != 0) {
         KvnSleep(kPauseEvenementsMs);
     }
 }
@@ -231,6 +221,7 @@ CThreadSockPrincipale::Suite CThreadSockPrincipale::Reouvre() {
         ++m_nEchecs;
         return Pause(kPauseApresEchecMs) ? kFin : kSuite;
     }
+    // Not up yet: no loss can be declared on it, nobody else touches it.
     c->m_sockPrincipale = s;
     if (StopDemande(1)) {
         KvnDebugOutput(L"\r\nThreadPrincipal INTERROMPU EN COURS (1)   ");
@@ -246,8 +237,7 @@ CThreadSockPrincipale::Suite CThreadSockPrincipale::Reouvre() {
                       : m_pMsgInit->SendReInitApplication(c->m_szNomApplication);
     if (r != KVN_NO_ERROR) {
         ++m_nRefus;
-        SOCKET old = c->m_sockPrincipale.exchange(INVALID_SOCKET);
-        if (KvnIsSocketOpen(old)) KvnCloseSocket(old);
+        c->m_FermeSockPrincipale();
         const bool stop = Pause(m_random() % kPauseRefusSpread + 1);
         c->m_mutexReInit.Unlock();
         return stop ? kFin : kSuite;
@@ -259,7 +249,6 @@ CThreadSockPrincipale::Suite CThreadSockPrincipale::Reouvre() {
     }
 
     WriteLog(L"ThreadSockPrincipale: l'application vient de se reconnecter a Korvane", 3);
-    c->m_bSockPrincipaleConnected = TRUE;
     // The socket event made by Init is bound to the new socket.
     if (c->m_hWsaEvtPrincipale == nullptr) c->m_hWsaEvtPrincipale = KvnCreateSocketEvent();
     if (c->m_hWsaEvtPrincipale != nullptr) {
@@ -269,16 +258,20 @@ CThreadSockPrincipale::Suite CThreadSockPrincipale::Reouvre() {
     WriteLog(L"Connexion socket principale avec Korvane OK", 3);
     m_nEchecs = 0;
     m_nRefus = 0;
+    // The link is up, and the application told, in one step: a loss declared
+    // from now on is this link's, and is announced after this.
+    c->m_mutexConnected.Lock(INFINITE);
     // After a full INIT_APPLICATION the service may have given a new id; the
     // connections re-open under it from here on.
     c->m_nIdApplication = m_pMsgInit->GetIdApplication();
-    c->m_bAppliInitialisee = TRUE;
-    c->m_IncConnected();
+    c->m_SetLienPrincipal(TRUE);
+    m_nGeneration = ++c->m_nLienGeneration;
+    c->m_CompteLiens();
     KvnResetEvent(c->m_hEvtPerteCommInterne);
-    // Wakes the connections, which re-open now; resets "down" before the new
-    // ThreadHeartBeat starts.
-    c->m_SignaleLienPrincipal();
+    // The connections that are down re-open now.
+    c->m_ReveilleConnexions();
     PostNotification(c->m_hWnd, g_nMsgCommOK);
+    c->m_mutexConnected.Unlock();
     RedemarreHeartBeat();
     // Only Init takes the communication parameters over; the database type
     // follows the service the link now leads to.
@@ -292,9 +285,12 @@ void CThreadSockPrincipale::RedemarreHeartBeat() {
     HANDLE old = c->m_hThreadHeartBeat.exchange(nullptr);
     if (KvnIsHandleOpen(old)) {
         // It ended by itself when the link went down; two supervisors of one
-        // client must never run at once.
-        KvnWaitForSingleObject(old, kAttenteHeartBeatMs);
-        KvnCloseHandle(old);
+        // link must never run at once. One that is slow to end belongs to a
+        // link that is gone, and ends without declaring anything.
+        if (KvnWaitForSingleObject(old, KvnStopWaitMs(kAttenteHeartBeatMs)) == WAIT_OBJECT_0)
+            KvnCloseHandle(old);
+        else
+            c->m_GardeThread(old);
     }
     KvnDebugOutput(L"\r\n\r\nThreadHeartBeat Créé par ThreadSockPrincipale    ");
     c->m_hThreadHeartBeat = KvnBeginThreadEx(ThreadHeartBeat, c);
@@ -302,18 +298,19 @@ void CThreadSockPrincipale::RedemarreHeartBeat() {
 
 void CThreadSockPrincipale::Fin() {
     CKorvaneClient* c = m_pClient;
+    c->m_mutexConnected.Lock(INFINITE);
     c->m_bSockPrincipaleConnected = FALSE;
-    c->m_SignaleLienPrincipal();
-    SOCKET s = c->m_sockPrincipale.exchange(INVALID_SOCKET);
-    if (KvnIsSocketOpen(s)) {
+    KvnSetEvent(c->m_hEvtLienPrincipalDown);
+    c->m_mutexConnected.Unlock();
+    if (KvnIsSocketOpen(c->m_sockPrincipale)) {
         if (c->m_hWsaEvtPrincipale != nullptr) KvnCloseSocketEvent(c->m_hWsaEvtPrincipale);
         c->m_hWsaEvtPrincipale = nullptr;
-        KvnCloseSocket(s);
+        c->m_FermeSockPrincipale();
     }
 
     HANDLE hb = c->m_hThreadHeartBeat;
     if (hb != nullptr) {
-        if (KvnWaitForSingleObject(hb, kAttenteHeartBeatMs) == WAIT_TIMEOUT) {
+        if (KvnWaitForSingleObject(hb, KvnStopWaitMs(kAttenteHeartBeatMs)) == WAIT_TIMEOUT) {
             KvnDebugOutput(L"\r\nEnd ThreadSockPrincipale Wait TimeOut 20000 on m_hThreadHeartBeat");
         } else if (c->m_hThreadHeartBeat.compare_exchange_strong(hb, nullptr)) {
             KvnCloseHandle(hb);

@@ -15,7 +15,8 @@
 
 int CKorvaneClient::BindParameter(int hCnx, int colonne, int type, void* valeur,
                                   unsigned int taille) {
-    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 22);
+    CCnxRef ref = CRequestFrame::FindConnexion(this, hCnx, 22);
+    CConnexionKorvane* cnx = ref.get();
     if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
     CUseCnxLock lock(cnx, L"CKorvaneClient::BindParameter");
     if (!lock.IsHeld()) return KVN_ERROR_HANDLE_CNX;

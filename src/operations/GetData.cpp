@@ -172,7 +172,8 @@ const KvnSiteLecture kSansLigne = {0, nullptr};  // GUID and __int64
 class CLectureColonne {
 public:
     int Open(CKorvaneClient* client, int hCnx, int col, const KvnSiteLecture& site) {
-        CConnexionKorvane* cnx = CRequestFrame::FindConnexion(client, hCnx, site.nSite);
+        m_ref = CRequestFrame::FindConnexion(client, hCnx, site.nSite);
+        CConnexionKorvane* cnx = m_ref.get();
         if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
         if (!CRequestFrame::IsLinkUp(client, cnx)) return KVN_ERROR_SOCKET_CLOSED;
         m_lock.emplace(cnx, site.prefix);
@@ -182,6 +183,7 @@ public:
     const CParam& Valeur() const { return m_valeur.Get(); }
 
 private:
+    CCnxRef m_ref;  // released last, after the lock
     std::optional<CUseCnxLock> m_lock;
     CCopieValeur m_valeur;
 };

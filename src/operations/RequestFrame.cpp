@@ -11,6 +11,7 @@
 #include "diag/Log.h"
 #include "platform/DebugOutput.h"
 #include "platform/Kernel.h"
+#include "platform/Threads.h"
 
 // How each exchanging operation departs from Execute. Fields: call site,
 // prefix, order, empties the row buffer, clears m_bMsgSended, send wait, no
@@ -53,34 +54,57 @@ const KvnFrameVariant kFrameExecuteRequete = {
 
 namespace {
 
-// Outcomes of a wait, as the frame names them.
+// Outcomes of the waits, as the frame names them.
 const DWORD kWaitFirst = 0;      // msgSended, or hEvtResultArrived
 const DWORD kWaitLoss = 1;       // the client's m_hEvtPerteCommInterne
 const DWORD kWaitTimeOut = 258;  // the limit ran out
 
-// A wait for the first of `first` and the loss event. A wait that fails (an
+// The caller's wait for its answer, one sleep per request: until the answer
+// is stored, the link is lost, or a limit runs out. The send is not waited
+// for on its own: the connection's thread records it (m_dwTickEnvoi, then
+// m_bMsgSended), and the answer's limit counts from it, so the outcomes and
+// their limits are those of a wait for msgSended followed by a wait for the
+// answer (a hand-over that ends without a send, the connection having gone
+// down meanwhile, is seen when the send's limit runs out, as a failed send
+// always was). *sent tells whether the request was sent when the wait ended: a
+// time-out is then the answer's, otherwise the send's. A wait that fails (an
 // event closed under a connection being deleted) counts as running out.
-DWORD WaitWithLoss(HANDLE first, HANDLE loss, DWORD timeoutMs) {
-    HANDLE handles[2] = {first, loss};
-    DWORD r = KvnWaitForMultipleObjects(2, handles, timeoutMs);
-    if (r == WAIT_OBJECT_0) return kWaitFirst;
-    if (r == WAIT_OBJECT_0 + 1) {
-        // A loss concerns every request in flight, on every connection, but
-        // the event wakes one waiter only: pass it on to the next one. What
-        // is left set is reset by the next request before its hand-over.
-        KvnSetEvent(loss);
-        return kWaitLoss;
+DWORD WaitForAnswer(CConnexionKorvane* cnx, HANDLE loss, DWORD sendWaitMs, bool* sent) {
+    HANDLE handles[2] = {cnx->hEvtResultArrived, loss};
+    const DWORD start = KvnGetTickCount();
+    const DWORD answerWaitMs = KvnGetAnswerWaitMs();
+    for (;;) {
+        *sent = cnx->m_bMsgSended == 1;
+        const DWORD now = KvnGetTickCount();
+        DWORD left;
+        if (*sent) {
+            const DWORD since = now - cnx->m_dwTickEnvoi;
+            if (since >= answerWaitMs) return kWaitTimeOut;
+            left = answerWaitMs - since;
+        } else {
+            const DWORD since = now - start;
+            if (since >= sendWaitMs) return kWaitTimeOut;
+            left = sendWaitMs - since;
+            // A send that this wait does not see moves the limit to the
+            // answer's: look again by then at the latest.
+            if (answerWaitMs < left) left = answerWaitMs;
+        }
+        const DWORD r = KvnWaitForMultipleObjects(2, handles, left);
+        if (r == WAIT_OBJECT_0 || r == WAIT_OBJECT_0 + 1) {
+            *sent = cnx->m_bMsgSended == 1;
+            return r == WAIT_OBJECT_0 ? kWaitFirst : kWaitLoss;
+        }
+        if (r != WAIT_TIMEOUT) return kWaitTimeOut;
     }
-    return kWaitTimeOut;
 }
 
 }  // namespace
 
 // ---- Shared steps --------------------------------------------------------------
 
-CConnexionKorvane* CRequestFrame::FindConnexion(CKorvaneClient* client, int hCnx, int nSite) {
-    CConnexionKorvane* cnx = client->m_GetConnexionByIdList(hCnx);
-    if (cnx == nullptr && nSite > 0) {
+CCnxRef CRequestFrame::FindConnexion(CKorvaneClient* client, int hCnx, int nSite) {
+    CCnxRef cnx(client->m_GetConnexionByIdList(hCnx, true));
+    if (!cnx && nSite > 0) {
         wchar_t line[64];
         std::swprintf(line, sizeof(line) / sizeof(line[0]),
                       (nSite == 11 || nSite == 13) ? L"\r\nError KVN_ERROR_HANDLE_CNX %d "
@@ -151,8 +175,14 @@ int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
     // it between PublishRequest and WithdrawRequest.
     CMsgSocketClient msg;
 
-    CConnexionKorvane* cnx = FindConnexion(m_pClient, hCnx, v.nSite);
+    // Counted for this call: FreeConnexion on another thread cannot destroy
+    // the connection under it.
+    CCnxRef ref = FindConnexion(m_pClient, hCnx, v.nSite);
+    CConnexionKorvane* cnx = ref.get();
     if (cnx == nullptr) return Finish(KVN_FRAME_UNKNOWN_HANDLE, KVN_ERROR_HANDLE_CNX);
+    // The opening of the main link this request runs on: a closed socket
+    // found by its send is a loss of that link only.
+    const int generation = m_pClient->m_nLienGeneration;
 
     if (v.order == KVN_TEST_THEN_LOCK && !IsLinkUp(m_pClient, cnx))
         return Finish(KVN_FRAME_LINK_DOWN, KVN_ERROR_SOCKET_CLOSED);
@@ -164,36 +194,35 @@ int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
     if (v.bEmptiesSelectBuffer) cnx->m_selectBuffer.VideBuffer();
     msg.Init(m_pClient->m_nIdApplication, hCnx, cnx->m_sock, &m_pClient->m_paramComm);
     // Answers carry no request identity: whatever set these before belongs to
-    // an earlier request.
+    // an earlier request. The loss event is the link's: it stays set from a
+    // loss until the link is back, for every request in flight.
     KvnResetEvent(cnx->hEvtResultArrived);
     KvnResetEvent(cnx->msgSended);
-    KvnResetEvent(m_pClient->m_hEvtPerteCommInterne);
     if (v.bResetsMsgSended) cnx->m_bMsgSended = 0;
     if (build(msg, *cnx) != 0) return Finish(KVN_FRAME_BUILD_FAILED, KVN_ERROR_PARAMETER);
 
     PublishRequest(cnx, &msg);
     KvnSetEvent(cnx->m_hEvtEnvoi);
     DWORD w;
+    bool answerTimedOut = false;
     if (v.bNoAnswer) {
         w = KvnWaitForSingleObject(cnx->msgSended, v.dwSendWaitMs) == WAIT_OBJECT_0 ? kWaitFirst
                                                                                    : kWaitTimeOut;
+        if (w == kWaitFirst && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
     } else {
-        w = WaitWithLoss(cnx->msgSended, m_pClient->m_hEvtPerteCommInterne, v.dwSendWaitMs);
+        bool sent = false;
+        w = WaitForAnswer(cnx, m_pClient->m_hEvtPerteCommInterne, v.dwSendWaitMs, &sent);
+        if (sent && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
+        answerTimedOut = sent && w == kWaitTimeOut;
+        if (w == kWaitFirst && v.szArrivedLine != nullptr) WriteLog(v.szArrivedLine, 20);
     }
     // Not picked up (thread stuck or gone): the request must not be sent
     // later by a hand-over meant for the next one.
     KvnResetEvent(cnx->m_hEvtEnvoi);
-    if (w == kWaitFirst && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
-
-    if (!v.bNoAnswer && w == kWaitFirst && cnx->m_bMsgSended == 1) {
-        w = WaitWithLoss(cnx->hEvtResultArrived, m_pClient->m_hEvtPerteCommInterne,
-                         KvnGetAnswerWaitMs());
-        if (w == kWaitTimeOut) {
-            WithdrawRequest(cnx);
-            LogLine(L"(): time-out resultat", 2);
-            return Finish(KVN_FRAME_ANSWER_TIMEOUT, KVN_ERROR_TIMEOUT);
-        }
-        if (w == kWaitFirst && v.szArrivedLine != nullptr) WriteLog(v.szArrivedLine, 20);
+    if (answerTimedOut) {
+        WithdrawRequest(cnx);
+        LogLine(L"(): time-out resultat", 2);
+        return Finish(KVN_FRAME_ANSWER_TIMEOUT, KVN_ERROR_TIMEOUT);
     }
     WithdrawRequest(cnx);
 
@@ -202,7 +231,7 @@ int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
         // The send found the socket closed: the link is lost for every
         // connection. The lock goes first: the loss routine takes the registry.
         lock.Unlock();
-        m_pClient->m_NotifyComLost();
+        m_pClient->m_NotifyComLost(generation);
         return Finish(KVN_FRAME_SOCKET_CLOSED, KVN_ERROR_SOCKET_CLOSED);
     }
     if (w == kWaitLoss && v.onLoss == KVN_LOSS_SILENT)

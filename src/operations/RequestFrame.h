@@ -4,10 +4,10 @@
 // look the connection up, test the link, take the connection's request lock
 // mutexUseCnx, build the request in a message of its own, lend it to the
 // connection's thread (m_pMsgAEnvoyer + m_hEvtEnvoi), wait until it was sent
-// (msgSended), wait until the answer is stored (hEvtResultArrived), read the
-// answer, withdraw the request and release the lock. The client's
-// m_hEvtPerteCommInterne takes part in both waits, so a loss of the link
-// wakes every request in flight.
+// (msgSended) and the answer is stored (hEvtResultArrived) in one sleep, read
+// the answer, withdraw the request and release the lock. The client's
+// m_hEvtPerteCommInterne takes part in the wait, so a loss of the link wakes
+// every request in flight.
 //
 // The operations differ only in a few points, gathered in a KvnFrameVariant;
 // the variants of all operations are declared below (kFrameExecute, ...), so an
@@ -37,9 +37,9 @@
 // Operations that do not exchange (column reads, parameter declarations) use
 // only FindConnexion and CUseCnxLock:
 //
-//     CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 18);
-//     if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
-//     CUseCnxLock lock(cnx, L"CKorvaneClient::ClearStoredProcParams");
+//     CCnxRef cnx = CRequestFrame::FindConnexion(this, hCnx, 18);
+//     if (!cnx) return KVN_ERROR_HANDLE_CNX;
+//     CUseCnxLock lock(cnx.get(), L"CKorvaneClient::ClearStoredProcParams");
 //     if (!lock.IsHeld()) return KVN_ERROR_HANDLE_CNX;
 //     ... (unlocked when lock goes out of scope)
 //
@@ -194,7 +194,9 @@ public:
     // The connection named hCnx, or null after writing
     // "\r\nError KVN_ERROR_HANDLE_CNX <nSite>" to the debugger output (two
     // spaces after the number, one for 11 and 13; no line when nSite is 0).
-    static CConnexionKorvane* FindConnexion(CKorvaneClient* client, int hCnx, int nSite);
+    // The connection is counted for the caller as long as the returned
+    // reference lives.
+    static CCnxRef FindConnexion(CKorvaneClient* client, int hCnx, int nSite);
     // The connection and the client's link are both up.
     static bool IsLinkUp(CKorvaneClient* client, CConnexionKorvane* cnx);
     // Lends msg to the connection's thread / takes it back, under m_mutexEnvoi.

@@ -99,7 +99,8 @@ int CKorvaneClient::GetLine(int hCnx, int nbLignes) {
 // read without the lock; a block in reception holds the lock, so a Fetch that
 // meets one waits for it on the lock and decides on the whole block.
 int CKorvaneClient::Fetch(int hCnx) {
-    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 4);
+    CCnxRef ref = CRequestFrame::FindConnexion(this, hCnx, 4);
+    CConnexionKorvane* cnx = ref.get();
     if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
     // No link test here: when the link is down, the GetLine below fails.
     CUseCnxLock lock(cnx, L"CKorvaneClient::Fetch");

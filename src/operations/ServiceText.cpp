@@ -105,7 +105,8 @@ int CKorvaneClient::GetLastErrorConnexion(int hCnx, DStr& text) {
 }
 
 int CKorvaneClient::SendTest(int hCnx) {
-    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 14);
+    CCnxRef ref = CRequestFrame::FindConnexion(this, hCnx, 14);
+    CConnexionKorvane* cnx = ref.get();
     if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
     if (!CRequestFrame::IsLinkUp(this, cnx)) return KVN_ERROR_SOCKET_CLOSED;
 
@@ -113,7 +114,6 @@ int CKorvaneClient::SendTest(int hCnx) {
     CMsgSocketClient msg;
     msg.Init(m_nIdApplication, hCnx, cnx->m_sock, &m_paramComm);
     KvnResetEvent(cnx->hEvtResultArrived);
-    KvnResetEvent(m_hEvtPerteCommInterne);
     // A send reported late for an earlier request must not pass for this one's.
     KvnResetEvent(cnx->msgSended);
     msg.SetEntete(m_nIdApplication, KVN_EXECUTE, hCnx);

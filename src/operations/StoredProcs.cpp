@@ -82,7 +82,8 @@ void CopyBack(const CParam& value, CParamProc& param) {
 // ---- Declarations ------------------------------------------------------------------
 
 int CKorvaneClient::ClearStoredProcParams(int hCnx) {
-    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 18);
+    CCnxRef ref = CRequestFrame::FindConnexion(this, hCnx, 18);
+    CConnexionKorvane* cnx = ref.get();
     if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
     CUseCnxLock lock(cnx, L"CKorvaneClient::ClearStoredProcParams");
     if (!lock.IsHeld()) return KVN_ERROR_HANDLE_CNX;
@@ -92,7 +93,8 @@ int CKorvaneClient::ClearStoredProcParams(int hCnx) {
 
 int CKorvaneClient::SetStoredProcParams(int hCnx, int colonne, int sens, int type, void* valeur,
                                         unsigned int taille) {
-    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 20);
+    CCnxRef ref = CRequestFrame::FindConnexion(this, hCnx, 20);
+    CConnexionKorvane* cnx = ref.get();
     if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
     CUseCnxLock lock(cnx, L"CKorvaneClient::SetStoredProcParams");
     if (!lock.IsHeld()) return KVN_ERROR_HANDLE_CNX;
@@ -136,7 +138,8 @@ int CKorvaneClient::SetStoredProcParams(int hCnx, int colonne, int sens, int typ
 
 int CKorvaneClient::AddStoredProcParams(int hCnx, int sens, int type, void* valeur,
                                         unsigned int taille) {
-    CConnexionKorvane* cnx = CRequestFrame::FindConnexion(this, hCnx, 19);
+    CCnxRef ref = CRequestFrame::FindConnexion(this, hCnx, 19);
+    CConnexionKorvane* cnx = ref.get();
     if (cnx == nullptr) return KVN_ERROR_HANDLE_CNX;
     return SetStoredProcParams(hCnx, cnx->m_nNbParamProc + 1, sens, type, valeur, taille);
 }

@@ -46,12 +46,22 @@ public:
     DWORD LastHeartBeat() const { return m_dwLastHeartBeat; }
     void SetLastHeartBeat(DWORD t) { m_dwLastHeartBeat = t; }
     bool MainLinkUp() const { return m_bSockPrincipaleConnected != FALSE; }
+    SOCKET MainSocket() const { return m_sockPrincipale; }
+    // The lock under which the link's state changes (and the main socket is
+    // closed by its thread).
+    CMutex& StateLock() { return m_mutexConnected; }
     // What a loss of the main link, then its return, do to the connections,
     // without the main link's own thread.
     void SetMainLink(bool up) {
-        m_bSockPrincipaleConnected = up ? TRUE : FALSE;
-        if (!up) m_DeconnecteAllConnexionList();
-        m_SignaleLienPrincipal();
+        m_mutexConnected.Lock(INFINITE);
+        m_SetLienPrincipal(up ? TRUE : FALSE);
+        if (up) {
+            ++m_nLienGeneration;
+            m_ReveilleConnexions();
+        } else {
+            m_DeconnecteAllConnexionList();
+        }
+        m_mutexConnected.Unlock();
     }
     // Marks the main link up and starts the heartbeat supervision by hand.
     void StartHeartBeat(unsigned short port, int periodeMs, int nbPeriodes, int multicast = 0,
@@ -61,7 +71,6 @@ public:
         m_paramComm.nNbPeriodeHB = nbPeriodes;
         m_paramComm.bMulticastHB = multicast;
         std::wcsncpy(m_paramComm.szAdresseHB, adresse, 20);  // no terminator when 20 or more
-        m_bAppliInitialisee = TRUE;
         SetMainLink(true);
         m_hThreadHeartBeat = KvnBeginThreadEx(ThreadHeartBeat, this);
     }

@@ -1,0 +1,89 @@
+// What lives as long as whom: a connection freed while a request uses it, and
+// a thread that outlives its stop time-out while its client goes.
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "ClientProbe.h"
+#include "client/ClientTimings.h"
+#include "support/ServiceSession.h"
+
+namespace {
+
+using peer::Connection;
+using peer::Message;
+
+class Lifetime : public ::testing::Test {
+protected:
+    probe::WinSock winsock_;
+    peer::ScriptedPeer service_;
+};
+
+TEST_F(Lifetime, FreeConnexionWaitsForTheRequestInProgressOnTheConnexion) {
+    // A request left without its connection's thread would wait this long.
+    struct ShortAnswerWait {
+        ShortAnswerWait() { KvnSetAnswerWaitForTests(2000); }
+        ~ShortAnswerWait() { KvnSetAnswerWaitForTests(0); }
+    } shortAnswerWait;
+    auto reading = std::make_shared<std::atomic<bool>>(false);
+    service_.OnAccept(0, MainLink(SessionAnswer()));
+    service_.OnAccept(1, ConnexionLink([reading](Connection& c) {
+        Message request = c.Expect(KVN_EXECUTE);
+        c.Ack(request);
+        *reading = true;
+        c.Delay(300);
+        c.Answer(peer::Msg(KVN_EXECUTE, request.IdApplication(), request.IdConnexion(),
+                           {peer::Long(0), peer::Long(5)}));
+        AcknowledgeUntilClose(c);
+    }));
+    probe::Client client;
+    ASSERT_EQ(KVN_NO_ERROR, client.Open(service_.Port()));
+    const int hCnx = client.GetConnexion();
+    ASSERT_GT(hCnx, 0);
+
+    int r = -1, resultat = 0;
+    std::thread request([&] { r = client.Execute(hCnx, L"UPDATE T SET A = 1", resultat); });
+    ASSERT_TRUE(probe::WaitUntil([&] { return reading->load(); }));
+    EXPECT_EQ(KVN_NO_ERROR, client.FreeConnexion(hCnx));
+    request.join();
+    EXPECT_EQ(KVN_NO_ERROR, r) << "the request ran to its end on a connection freed under it";
+    EXPECT_EQ(5, resultat);
+    EXPECT_EQ(KVN_ERROR_HANDLE_CNX, client.Execute(hCnx, L"UPDATE T SET A = 1", resultat));
+    client.Free();
+}
+
+// Its thread is stuck in an exchange that the service never acknowledges when
+// the client is destroyed; the stop waits are cut short. The client must
+// outlive the thread (the address sanitizer sees any use after it).
+TEST_F(Lifetime, AThreadThatOutlivesItsStopWaitNeverUsesADestroyedClient) {
+    struct ShortStopWaits {
+        ShortStopWaits() { KvnSetStopWaitsForTests(100); }
+        ~ShortStopWaits() { KvnSetStopWaitsForTests(0); }
+    } shortStopWaits;
+    auto stuck = std::make_shared<std::atomic<bool>>(false);
+    service_.OnAccept(0, MainLink(SessionAnswer()));
+    service_.OnAccept(1, ConnexionLink([](Connection& c) {
+        c.Await("close");
+        c.Close();
+    }));
+    service_.OnAccept(2, [stuck](Connection& c) {
+        c.Expect(KVN_REINIT_CONNEXION);
+        *stuck = true;  // and never acknowledged
+        c.ExpectClientClose(10000);
+    });
+    std::unique_ptr<probe::Client> client(new probe::Client);
+    ASSERT_EQ(KVN_NO_ERROR, client->Open(service_.Port()));
+    ASSERT_GT(client->GetConnexion(), 0);
+    service_.Signal("close");
+    ASSERT_TRUE(probe::WaitUntil([&] { return stuck->load(); }));
+
+    const kvntest::Clock::time_point start = kvntest::Clock::now();
+    client.reset();
+    EXPECT_GE(kvntest::MsSince(start), 300) << "the thread was waited for past its stop wait";
+    // Time for a thread left behind to run into the destroyed client.
+    EXPECT_TRUE(service_.WaitForScripts());
+}
+
+}  // namespace
