@@ -196,11 +196,16 @@ int SockSend(SOCKET sock, const char* data, int length, DWORD timeoutMs) {
     }
 }
 
-int SockReceive(SOCKET sock, char* buffer, int length, DWORD timeoutMs) {
+namespace {
+
+// waitFirst: the bytes cannot be there yet (the answer to what was just sent),
+// so the first read waits for them rather than finding nothing.
+int Receive(SOCKET sock, char* buffer, int length, DWORD timeoutMs, bool waitFirst) {
     if (length == 0) return 0;
     if (length < 0 || !buffer) return -1;
     DWORD start = KvnGetTickCount();
     int received = 0;
+    if (waitFirst) WaitReady(sock, false, start, timeoutMs);
     for (;;) {
         const int r = KvnRecv(sock, buffer + received, length - received);
         if (r < 0) {
@@ -224,6 +229,16 @@ int SockReceive(SOCKET sock, char* buffer, int length, DWORD timeoutMs) {
         }
         if (IsTimeOuted(start, timeoutMs)) return received;
     }
+}
+
+}  // namespace
+
+int SockReceive(SOCKET sock, char* buffer, int length, DWORD timeoutMs) {
+    return Receive(sock, buffer, length, timeoutMs, false);
+}
+
+int SockReceiveReply(SOCKET sock, char* buffer, int length, DWORD timeoutMs) {
+    return Receive(sock, buffer, length, timeoutMs, true);
 }
 
 int IsTimeOuted(DWORD& start, DWORD timeoutMs) {

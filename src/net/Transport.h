@@ -16,6 +16,10 @@ SOCKET Socket_Client(const char* host, int port, int timeoutMs, char* errorText)
 // socket error. The budget covers the whole transfer; 0xFFFFFFFF never runs out.
 int SockSend(SOCKET sock, const char* data, int length, DWORD timeoutMs);
 int SockReceive(SOCKET sock, char* buffer, int length, DWORD timeoutMs);
+// The same, for bytes that cannot have arrived yet (the acknowledgement of
+// what was just sent): it waits for them before its first read, which saves
+// a read that would find nothing.
+int SockReceiveReply(SOCKET sock, char* buffer, int length, DWORD timeoutMs);
 
 // 1 when more than timeoutMs ms have passed since start (tick counts); when
 // the counter has wrapped around, start is reset to now and the answer is 0.

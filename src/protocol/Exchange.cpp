@@ -114,8 +114,8 @@ int CMsgSocket::SendMessageW(SOCKET sock, int unicode, int timeOutAck) {
 
 int CMsgSocket::AttenteAck(SOCKET sock, int timeOut) {
     BYTE bytes[KVN_TAILLE_ENTETE] = {};
-    int n = SockReceive(sock, reinterpret_cast<char*>(bytes), KVN_TAILLE_ENTETE,
-                        static_cast<DWORD>(timeOut));
+    int n = SockReceiveReply(sock, reinterpret_cast<char*>(bytes), KVN_TAILLE_ENTETE,
+                             static_cast<DWORD>(timeOut));
     if (n == KVN_TAILLE_ENTETE) return static_cast<signed char>(bytes[6]);
     WriteLogF(4,
               L"AttenteAck: time-out Error on ACK reception. Wanted %d bytes,  Received %d bytes, "
