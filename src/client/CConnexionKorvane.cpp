@@ -28,6 +28,7 @@ CConnexionKorvane::CConnexionKorvane()
       m_hThreadSockClient(nullptr),
       m_pMsgAEnvoyer(nullptr),
       m_bMsgSended(FALSE),
+      m_nEnvois(0),
       m_dwTickEnvoi(0),
       m_nResultat(0),
       m_nCodeErreur(0),

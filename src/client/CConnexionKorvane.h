@@ -53,8 +53,10 @@ public:
     HANDLE m_hThreadSockClient;
     CMsgSocketClient* m_pMsgAEnvoyer; // lent by the caller; guarded by m_mutexEnvoi
     std::atomic<BOOL> m_bMsgSended;
-    // Tick count of the last acknowledged send, written before m_bMsgSended:
-    // the caller's answer wait counts from it.
+    // The acknowledged sends so far, and the tick count of the last one
+    // (written first): a caller tells that its own request went out by the
+    // count moving, and its answer wait counts from that tick.
+    std::atomic<unsigned> m_nEnvois;
     std::atomic<DWORD> m_dwTickEnvoi;
     std::atomic<int> m_nResultat;
     std::atomic<int> m_nCodeErreur;

@@ -122,6 +122,7 @@ void EnvoiRequeteCnx(CConnexionKorvane* cnx) {
         cnx->m_nCodeErreur = r;
         if (r == 1) {
             cnx->m_dwTickEnvoi = KvnGetTickCount();
+            ++cnx->m_nEnvois;
             cnx->m_bMsgSended = 1;
             msg->ClearMessage();
         } else {

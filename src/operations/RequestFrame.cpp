@@ -61,20 +61,23 @@ const DWORD kWaitTimeOut = 258;  // the limit ran out
 
 // The caller's wait for its answer, one sleep per request: until the answer
 // is stored, the link is lost, or a limit runs out. The send is not waited
-// for on its own: the connection's thread records it (m_dwTickEnvoi, then
-// m_bMsgSended), and the answer's limit counts from it, so the outcomes and
-// their limits are those of a wait for msgSended followed by a wait for the
-// answer (a hand-over that ends without a send, the connection having gone
-// down meanwhile, is seen when the send's limit runs out, as a failed send
-// always was). *sent tells whether the request was sent when the wait ended: a
-// time-out is then the answer's, otherwise the send's. A wait that fails (an
-// event closed under a connection being deleted) counts as running out.
-DWORD WaitForAnswer(CConnexionKorvane* cnx, HANDLE loss, DWORD sendWaitMs, bool* sent) {
+// for on its own: the connection's thread counts each acknowledged send
+// (m_nEnvois, which stood at `envois` when the request was published) and
+// records its time, and the answer's limit counts from it, so the outcomes
+// and their limits are those of a wait for msgSended followed by a wait for
+// the answer (a hand-over that ends without a send, the connection having
+// gone down meanwhile, is seen when the send's limit runs out, as a failed
+// send always was). *sent tells whether the request was sent when the wait
+// ended: a time-out is then the answer's, otherwise the send's. A wait that
+// fails (an event closed under a connection being deleted) counts as running
+// out.
+DWORD WaitForAnswer(CConnexionKorvane* cnx, unsigned envois, HANDLE loss, DWORD sendWaitMs,
+                    bool* sent) {
     HANDLE handles[2] = {cnx->hEvtResultArrived, loss};
     const DWORD start = KvnGetTickCount();
     const DWORD answerWaitMs = KvnGetAnswerWaitMs();
     for (;;) {
-        *sent = cnx->m_bMsgSended == 1;
+        *sent = cnx->m_nEnvois != envois;
         const DWORD now = KvnGetTickCount();
         DWORD left;
         if (*sent) {
@@ -90,9 +93,17 @@ DWORD WaitForAnswer(CConnexionKorvane* cnx, HANDLE loss, DWORD sendWaitMs, bool*
             if (answerWaitMs < left) left = answerWaitMs;
         }
         const DWORD r = KvnWaitForMultipleObjects(2, handles, left);
-        if (r == WAIT_OBJECT_0 || r == WAIT_OBJECT_0 + 1) {
-            *sent = cnx->m_bMsgSended == 1;
-            return r == WAIT_OBJECT_0 ? kWaitFirst : kWaitLoss;
+        if (r == WAIT_OBJECT_0 + 1) {
+            *sent = cnx->m_nEnvois != envois;
+            return kWaitLoss;
+        }
+        if (r == WAIT_OBJECT_0) {
+            // The thread stores this request's answer only after it counted
+            // the send: an answer stored before is an earlier one's, arrived
+            // late, and is not waited for.
+            *sent = cnx->m_nEnvois != envois;
+            if (*sent) return kWaitFirst;
+            continue;
         }
         if (r != WAIT_TIMEOUT) return kWaitTimeOut;
     }
@@ -201,6 +212,7 @@ int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
     if (v.bResetsMsgSended) cnx->m_bMsgSended = 0;
     if (build(msg, *cnx) != 0) return Finish(KVN_FRAME_BUILD_FAILED, KVN_ERROR_PARAMETER);
 
+    const unsigned envois = cnx->m_nEnvois;
     PublishRequest(cnx, &msg);
     KvnSetEvent(cnx->m_hEvtEnvoi);
     DWORD w;
@@ -211,7 +223,7 @@ int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
         if (w == kWaitFirst && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
     } else {
         bool sent = false;
-        w = WaitForAnswer(cnx, m_pClient->m_hEvtPerteCommInterne, v.dwSendWaitMs, &sent);
+        w = WaitForAnswer(cnx, envois, m_pClient->m_hEvtPerteCommInterne, v.dwSendWaitMs, &sent);
         if (sent && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
         answerTimedOut = sent && w == kWaitTimeOut;
         if (w == kWaitFirst && v.szArrivedLine != nullptr) WriteLog(v.szArrivedLine, 20);
