@@ -201,6 +201,10 @@ TEST_F(PlatformSockets, ClosingTheSocketUnderAWaitingThreadEndsTheConnectionAtOn
     EXPECT_LT(MsSince(start), 2000);
 }
 
+#if !defined(_WIN32)
+// On POSIX a socket event keeps a descriptor of its own for its socket. (On
+// Windows the record belongs to the socket handle, which only its owner
+// closes.)
 TEST_F(PlatformSockets, AnEventStaysWithItsSocketWhenItsNumberGoesToAnotherSocket) {
     Link first;
     ASSERT_TRUE(first.Up() && first.Select());
@@ -234,5 +238,6 @@ TEST_F(PlatformSockets, AnEventStaysWithItsSocketWhenItsNumberGoesToAnotherSocke
     Close(sender);
     Close(reused);
 }
+#endif
 
 }  // namespace
