@@ -190,7 +190,9 @@ public:
     /// Deletes the connection, stopping its thread (waiting up to 10 s); the
     /// service sees its socket close. 0, or KVN_ERROR_UNKNOWN for a handle
     /// that names no connection. Call it once no other thread uses the
-    /// handle.
+    /// handle: an operation still in progress on it ends first (waited for
+    /// up to 20 s, as a second operation would be), and one started later
+    /// finds the handle unknown.
     int FreeConnexion(int hCnx);
     /// Whether the connection's own link to the service is up now (false for
     /// an unknown handle).
