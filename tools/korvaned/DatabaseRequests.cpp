@@ -140,7 +140,7 @@ int Session::BlockRows(int asked) const {
 
 bool Session::FillRows(int wanted, int rowsets) {
     int fetches = 0;
-    while (db_->IsSelectOpen() && rows_.Rows() < wanted) {
+    while (db_->HasRows() && rows_.Rows() < wanted) {
         if (db_->Buffered() == 0 && rowsets > 0 && fetches++ >= rowsets) break;
         bool row = false;
         if (!db_->NextRow(kMaxBlockBytes, rows_, &row)) return false;
@@ -149,11 +149,18 @@ bool Session::FillRows(int wanted, int rowsets) {
 }
 
 void Session::PrepareNextBlock() {
+    if (!db_->HasRows()) {
+        // All read: what the driver holds of the select is freed now that
+        // its last rows have gone or wait ready.
+        db_->CloseSelect();
+        preparing_ = false;
+        return;
+    }
     const int wanted = BlockRows(0) + 1;  // one more tells whether another block follows
     if (!FillRows(wanted, 1)) {
         selectFailed_ = true;
         preparing_ = false;
-    } else if (rows_.Rows() >= wanted || !db_->IsSelectOpen()) {
+    } else if (rows_.Rows() >= wanted) {
         preparing_ = false;
     }
 }
@@ -183,7 +190,7 @@ bool Session::AnswerBlock(EncodedAnswer& answer, int fonction, std::vector<int> 
         return false;
     }
     rows_.Drop(rows);
-    preparing_ = more;
+    preparing_ = more || db_->IsSelectOpen();
     return true;
 }
 

@@ -891,6 +891,8 @@ void OdbcConnexion::CloseSelect() {
     selectColumns_ = 0;
 }
 
+bool OdbcConnexion::HasRows() const { return cursor_ && !(cursor_->end && cursor_->next == cursor_->fetched); }
+
 int OdbcConnexion::Buffered() const {
     return cursor_ && cursor_->rowsets ? static_cast<int>(cursor_->fetched - cursor_->next) : 0;
 }
@@ -954,14 +956,14 @@ bool OdbcConnexion::FetchRowset() {
 
 bool OdbcConnexion::NextRow(std::size_t maxBytes, DbCellSink& sink, bool* row) {
     *row = false;
-    if (!cursor_) return true;
+    if (!HasRows()) return true;
     Cursor& c = *cursor_;
     std::vector<DbValue> cells;
     std::size_t bytes = 0;
     if (!c.rowsets) {
         const SQLRETURN r = SQLFetch(c.stmt);
         if (r == SQL_NO_DATA) {
-            CloseSelect();
+            c.end = true;
             return true;
         }
         if (!SQL_SUCCEEDED(r)) {
@@ -978,10 +980,7 @@ bool OdbcConnexion::NextRow(std::size_t maxBytes, DbCellSink& sink, bool* row) {
             CloseSelect();
             return false;
         }
-        if (c.next == c.fetched) {
-            CloseSelect();
-            return true;
-        }
+        if (c.next == c.fetched) return true;  // the end; closed by CloseSelect
         const SQLULEN i = c.next++;
         // The wire size as WireBytes counts it, before any cell is handed out.
         for (const Cursor::Column& col : c.columns) {

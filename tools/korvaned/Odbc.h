@@ -56,13 +56,16 @@ public:
     // *rowCount the rows it affected, -1 when the driver cannot tell).
     bool OpenSelect(const std::string& sql, int* columns, long long* rowCount);
     // Hands the next row of the open select to sink, cell after cell; *row
-    // is false when no row is left, and the select is then closed. A row
-    // whose cells would take more than maxBytes on the wire has its longest
-    // texts cut until it fits. false on a database error (the select is then
-    // closed too).
+    // is false when no row is left. A row whose cells would take more than
+    // maxBytes on the wire has its longest texts cut until it fits. false on
+    // a database error (the select is then closed).
     bool NextRow(std::size_t maxBytes, DbCellSink& sink, bool* row);
     // Rows that NextRow hands out before it has to ask the database again.
     int Buffered() const;
+    // The open select may still give rows. One that has given all of them
+    // stays open until CloseSelect: closing frees what the driver holds of
+    // it, which need not delay the last rows.
+    bool HasRows() const;
     bool IsSelectOpen() const { return cursor_ != nullptr; }
     int SelectColumns() const { return selectColumns_; }
     void CloseSelect();
