@@ -566,7 +566,7 @@ int CMsgSocket::GetMsgUnicode() { return m_entete.bUnicode; }
 int CMsgSocket::GetTypeParametre(int i) {
     if (i < 0 || i >= m_listParam.GetSize()) return 0;
     const CParam* p = static_cast<const CParam*>(m_listParam.GetAt(i));
-    return p ? static_cast<unsigned char>(p->cType) : 0;
+    return p ? TypeByte(p->cType) : 0;
 }
 
 int CMsgSocket::GetParametre(int i, CParam** param) {

@@ -12,6 +12,7 @@
 
 #include "diag/Log.h"
 #include "platform/SystemInfo.h"
+#include "protocol/ValueTypes.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ bool IsEmptyText(const wchar_t* text) { return text == nullptr || text[0] == L'\
 bool LongParam(CMsgSocket& msg, int i, int& value) {
     CParam* p = nullptr;
     if (!msg.GetParametre(i, &p) || p == nullptr) return false;
-    if (static_cast<unsigned char>(p->cType) != SQL_C_LONG) return false;
+    if (TypeByte(p->cType) != TypeByte(SQL_C_LONG)) return false;
     value = p->valNum.lVal;
     return true;
 }
@@ -66,8 +67,7 @@ void CMsgSocketClient::m_ReprendParamComm() {
         if (i == 4) {
             CParam* p = nullptr;
             if (!GetParametre(4, &p) || p == nullptr) continue;
-            unsigned char type = static_cast<unsigned char>(p->cType);
-            if (type != SQL_C_CHAR && type != static_cast<unsigned char>(SQL_C_WCHAR)) continue;
+            if (!IsTextType(p->cType)) continue;
             // The address field holds 20 characters. A longer text is kept to
             // its first 20 characters without a terminator, which the
             // heartbeat supervision refuses as an erroneous parameter rather

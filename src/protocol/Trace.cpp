@@ -10,6 +10,7 @@
 
 #include "diag/Log.h"
 #include "protocol/ValueText.h"
+#include "protocol/ValueTypes.h"
 
 namespace {
 
@@ -135,7 +136,7 @@ void CMsgSocket::AfficheMessage(const wchar_t* titre) {
             break;
         }
         if (niveau >= kNiveauDetail) {
-            int type = static_cast<unsigned char>(p->cType);
+            int type = TypeByte(p->cType);
             ligne.Printf(L"      Param %d: type = %d (%ls)", i, type, GetNomType(type, nom, 1));
             Ecrit(kNiveauDetail, ligne);
             ligne.Printf(L"      Param %d: taille = %d", i, static_cast<int>(p->nTaille));
