@@ -39,3 +39,7 @@ int SockReceive(SOCKET, char* buffer, int length, DWORD) {
     s.pos += n;
     return static_cast<int>(n);
 }
+
+int SockReceiveReply(SOCKET sock, char* buffer, int length, DWORD timeoutMs) {
+    return SockReceive(sock, buffer, length, timeoutMs);
+}
