@@ -140,7 +140,8 @@ int Session::BlockRows(int asked) const {
 
 bool Session::FillRows(int wanted, int rowsets) {
     int fetches = 0;
-    while (db_->HasRows() && rows_.Rows() < wanted) {
+    // Past a message's bytes, a row more only tells that another block follows.
+    while (db_->HasRows() && rows_.Rows() < wanted && rows_.BytesOf(rows_.Rows()) <= kMaxBlockBytes) {
         if (db_->Buffered() == 0 && rowsets > 0 && fetches++ >= rowsets) break;
         bool row = false;
         if (!db_->NextRow(kMaxBlockBytes, rows_, &row)) return false;
@@ -160,7 +161,7 @@ void Session::PrepareNextBlock() {
     if (!FillRows(wanted, 1)) {
         selectFailed_ = true;
         preparing_ = false;
-    } else if (rows_.Rows() >= wanted) {
+    } else if (rows_.Rows() >= wanted || rows_.BytesOf(rows_.Rows()) > kMaxBlockBytes) {
         preparing_ = false;
     }
 }

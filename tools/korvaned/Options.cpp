@@ -335,7 +335,7 @@ std::string OptionsHelp(const char* program) {
            "      --read-only         the database is only read: a SQLite file is opened\n"
            "                          read-only, PostgreSQL runs read-only transactions;\n"
            "                          other data sources are refused\n"
-           "      --block-rows N      rows per block of a select (default 1000)\n"
+           "      --block-rows N      rows per block of a select (default 5000)\n"
            "      --db-type N         database type announced to the clients (default 0)\n"
            "Limits:\n"
            "      --max-clients N     applications at once (default 64); one more is\n"

@@ -24,13 +24,12 @@ struct ServiceOptions {
     std::string databaseFile = "korvane.db";
     std::string odbcConnection;
     std::string sqliteDriver;     // empty: searched in the usual places
-    // Rows per block of a select. Past a few hundred rows the exchange of a
-    // block costs little beside its rows, and the next block is made ready
-    // while one is read; a thousand keeps a block within some 100 KB for
-    // rows of a few columns (bench/SelectBench: blocks of 100 were the
-    // slowest of 100 to 5000; from 500 on the differences stayed within the
-    // noise of a shared machine).
-    int blockRows = 1000;
+    // Rows per block of a select, at most: a block also ends where a message
+    // would pass its bytes. The exchange of a block costs little beside its
+    // rows past a few hundred, and the next block is made ready while one is
+    // read (bench/SelectBench: of 100 to 5000, the largest were the fastest,
+    // as many rows as a message holds).
+    int blockRows = 5000;
     int dbType = 0;               // database type announced to the clients
     bool readOnly = false;
 

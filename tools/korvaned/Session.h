@@ -72,9 +72,10 @@ private:
     // Rows in a block: those asked (0: the service's block size), within
     // what a message holds.
     int BlockRows(int asked) const;
-    // Reads rows of the open select into rows_ until it holds `wanted` or the
-    // select ends, asking the database for at most `rowsets` rowsets (0: as
-    // many as it takes). false on a database error.
+    // Reads rows of the open select into rows_ until it holds `wanted`, more
+    // than a message's bytes, or the select ends, asking the database for at
+    // most `rowsets` rowsets (0: as many as it takes). false on a database
+    // error.
     bool FillRows(int wanted, int rowsets);
     // Answers `fonction` with the values of `head`, then rows, columns,
     // more-rows flag and the cells of the next block. false on a database
