@@ -305,10 +305,10 @@ struct OdbcBoundColumn {
     std::vector<SQLLEN> indicator;
 };
 
-// An open select. With a static cursor that can go back (so that a rowset
-// whose texts did not fit their buffers can be read again with larger ones),
-// rows come a rowset at a time into column-wise bound buffers; otherwise one
-// at a time through SQLGetData.
+// An open select. Rows come a rowset at a time into column-wise bound
+// buffers when the select has no text column, or when its static cursor can
+// go back, so that a rowset whose texts did not fit their buffers is read
+// again with larger ones; otherwise one at a time through SQLGetData.
 struct OdbcConnexion::Cursor {
     using Column = OdbcBoundColumn;
     SQLHSTMT stmt = SQL_NULL_HSTMT;
@@ -835,7 +835,10 @@ bool OdbcConnexion::OpenSelect(const std::string& sql, int* columns, long long* 
     SQLHSTMT stmt = static_cast<SQLHSTMT>(selectStmt_);
     if (!stmt) return false;
     // A static cursor lets a rowset be read again; where the driver cannot
-    // give one, the rows come one at a time.
+    // give one, the rows come one at a time. (The SQLite driver reads the
+    // whole result at execution in either case; its mode that reads as
+    // SQLite steps would keep the file locked while a client takes its time,
+    // and types the columns of expressions as text.)
     SQLFreeStmt(stmt, SQL_UNBIND);
     SQLSetStmtAttr(stmt, SQL_ATTR_ROW_ARRAY_SIZE, reinterpret_cast<SQLPOINTER>(1), 0);
     SQLSetStmtAttr(stmt, SQL_ATTR_CURSOR_TYPE, reinterpret_cast<SQLPOINTER>(SQL_CURSOR_STATIC), 0);
