@@ -116,6 +116,15 @@ i686-w64-mingw32-g++-posix -std=c++17 -Wall -Wextra -Werror -DUNICODE -D_UNICODE
   -o "$linkcheck/linkcheck.exe" || fail "a program does not link against $implib"
 echo "   link check: OK"
 
+# The examples written for both systems build for Windows from the same source.
+for example in event_loop; do
+  i686-w64-mingw32-g++-posix -std=c++17 -Wall -Wextra -Werror -DUNICODE -D_UNICODE \
+    -I"$root/include" -I"$root/src/platform/public" "$root/examples/$example.cpp" "$implib" \
+    -static-libgcc -static-libstdc++ -o "$linkcheck/$example.exe" ||
+    fail "examples/$example.cpp does not build for Windows"
+done
+echo "   examples for both systems: OK"
+
 # ---- 2. The 64-bit tests under Wine ----------------------------------------------------
 win64=$root/build-win64
 echo "== build-win64: test programs"

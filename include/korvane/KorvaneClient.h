@@ -14,6 +14,7 @@
 #include <korvane/SockInit.h>
 #include <korvane/platform/CString.h>
 #include <korvane/platform/DStr.h>
+#include <korvane/platform/KvnWait.h>
 #include <korvane/platform/NotifyWindow.h>
 
 #endif

@@ -8,8 +8,15 @@
 
 #include <gtest/gtest.h>
 
+#include <korvane/platform/KvnWait.h>
+
 #include "ClientProbe.h"
+#include "support/RestartingService.h"
 #include "support/ServiceSession.h"
+
+#if !KVN_SYSTEM_WAITS
+#include <poll.h>
+#endif
 
 namespace {
 
@@ -127,5 +134,33 @@ TEST_F(Notifications, LossDuringShutdownLeavesTheConnexionsToIt) {
     ExpectPosted(KVN_MSG_PERTE_COMM);
     KvnResetEvent(client.StopEvent());
 }
+
+#if !KVN_SYSTEM_WAITS
+// What an event loop watches: the descriptors of the loss and return events.
+TEST_F(Notifications, ALossAndARecoveryEachMakeTheirDescriptorReadableOnce) {
+    RestartingService service;
+    ASSERT_EQ(KVN_NO_ERROR, client.Open(service.Port(), window_.h));
+    ASSERT_EQ(1, client.GetConnexion());
+    const HANDLE events[2] = {client.GetEventPerteComm(), client.GetEventCommOK()};
+    pollfd fds[2] = {{KvnGetEventFd(events[0]), POLLIN, 0}, {KvnGetEventFd(events[1]), POLLIN, 0}};
+    ASSERT_GE(fds[0].fd, 0);
+    ASSERT_GE(fds[1].fd, 0);
+    // The event loop: what became readable within ms, taken with a wait.
+    auto next = [&](int ms) {
+        if (poll(fds, 2, ms) != 1) return -1;  // nothing, or both at once
+        const int i = (fds[0].revents & POLLIN) ? 0 : 1;
+        EXPECT_EQ(kvn::kWaitObject0, kvn::WaitForSingleObject(events[i], 0));
+        return i;
+    };
+    ASSERT_EQ(1, next(1000)) << "the opening's \"comm OK\"";
+    ASSERT_EQ(-1, next(0));
+
+    service.Restart();
+    EXPECT_EQ(0, next(3000)) << "the loss, alone";
+    EXPECT_EQ(1, next(8000)) << "then every link back";
+    EXPECT_EQ(-1, next(300)) << "each once";
+    client.Free();
+}
+#endif
 
 }  // namespace

@@ -8,7 +8,12 @@
 #include <atomic>
 #include <thread>
 
+#if !defined(_WIN32)
+#include <poll.h>
+#endif
+
 #include <korvane/platform/CMutex.h>
+#include <korvane/platform/KvnWait.h>
 
 #include "support/TestUtil.h"
 #include "platform/Kernel.h"
@@ -295,6 +300,64 @@ TEST(PlatformCMutex, ThreadsContendingForALockNeverHoldItTogether) {
     t4.join();
     EXPECT_EQ(counter, 80000);
 }
+
+// ---- The waits an application uses -----------------------------------------------
+
+TEST(PlatformPublicWaits, TheSystemsFunctionsWaitOnTheLibrarysEventsAndResetThem) {
+    Handle a(KvnCreateEvent(FALSE, FALSE)), b(KvnCreateEvent(TRUE, FALSE));
+    const HANDLE both[] = {a, b};
+    EXPECT_EQ(kvn::WaitForMultipleObjects(2, both, FALSE, 0), kvn::kWaitTimeout);
+    KvnSetEvent(b);
+    EXPECT_EQ(kvn::WaitForMultipleObjects(2, both, FALSE, 0), kvn::kWaitObject0 + 1);
+    EXPECT_EQ(kvn::WaitForSingleObject(b, 0), kvn::kWaitObject0) << "manual: still set";
+    EXPECT_TRUE(kvn::ResetEvent(b));
+    EXPECT_EQ(kvn::WaitForSingleObject(b, 20), kvn::kWaitTimeout);
+    KvnSetEvent(a);
+    EXPECT_EQ(kvn::WaitForSingleObject(a, kvn::kInfinite), kvn::kWaitObject0);
+    EXPECT_EQ(kvn::WaitForSingleObject(a, 0), kvn::kWaitTimeout) << "auto: taken";
+#if !KVN_SYSTEM_WAITS
+    EXPECT_EQ(kvn::WaitForMultipleObjects(2, both, TRUE, 0), kvn::kWaitFailed) << "no wait for all";
+    EXPECT_EQ(kvn::WaitForSingleObject(nullptr, 0), kvn::kWaitFailed);
+#endif
+}
+
+#if !KVN_SYSTEM_WAITS
+TEST(PlatformPublicWaits, AnEventsDescriptorIsReadableWhileItIsSet) {
+    auto readable = [](int fd) {
+        pollfd p = {fd, POLLIN, 0};
+        return poll(&p, 1, 0) == 1;
+    };
+    Handle autoReset(KvnCreateEvent(FALSE, FALSE)), manual(KvnCreateEvent(TRUE, TRUE));
+    const int fa = KvnGetEventFd(autoReset), fm = KvnGetEventFd(manual);
+    ASSERT_GE(fa, 0);
+    ASSERT_GE(fm, 0);
+    EXPECT_EQ(KvnGetEventFd(autoReset), fa) << "one descriptor per event";
+    EXPECT_FALSE(readable(fa));
+    EXPECT_TRUE(readable(fm)) << "created set";
+
+    KvnSetEvent(autoReset);
+    KvnSetEvent(autoReset);
+    EXPECT_TRUE(readable(fa));
+    EXPECT_TRUE(readable(fa)) << "looking does not take it";
+    EXPECT_EQ(kvn::WaitForSingleObject(autoReset, 0), kvn::kWaitObject0);
+    EXPECT_FALSE(readable(fa)) << "the wait took it";
+
+    EXPECT_EQ(kvn::WaitForSingleObject(manual, 0), kvn::kWaitObject0);
+    EXPECT_TRUE(readable(fm)) << "a manual event stays set";
+    kvn::ResetEvent(manual);
+    EXPECT_FALSE(readable(fm));
+
+    // A thread blocked in poll wakes when the event is set.
+    std::thread setter([&] {
+        KvnSleep(20);
+        KvnSetEvent(autoReset);
+    });
+    pollfd p = {fa, POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 5000), 1);
+    setter.join();
+    EXPECT_EQ(KvnGetEventFd(nullptr), -1);
+}
+#endif
 
 // ---- Threads -------------------------------------------------------------------
 

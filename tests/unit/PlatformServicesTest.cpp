@@ -9,6 +9,7 @@
 #include <string>
 
 #include <korvane/platform/DStr.h>
+#include <korvane/platform/KvnWait.h>
 #include <korvane/platform/NotifyWindow.h>
 
 #include "UnitUtil.h"
@@ -177,6 +178,30 @@ TEST(PlatformNotify, NamesIgnoreCaseInTheRegisteredRangeAndAWaitEndsAtItsTimeOut
     EXPECT_LT(MsSince(start), 1000);
     KvnDestroyNotifyWindow(window);
     EXPECT_FALSE(KvnPostMessage(window, id, 0, 0));  // to a destroyed window
+}
+
+// The same source on both systems: the system's own functions on Windows,
+// the library's elsewhere.
+TEST(PlatformNotify, MessagesAreReadWithTheSystemsFunctionsInRangeLeftOrTaken) {
+    const UINT perte = KvnRegisterWindowMessage(L"KVN_MSG_PERTE_COMM");
+    const UINT ok = kvn::RegisterWindowMessageW(L"KVN_MSG_COMM_OK");
+    EXPECT_EQ(KvnRegisterWindowMessage(L"KVN_MSG_COMM_OK"), ok);
+    HWND window = KvnCreateNotifyWindow();
+    ASSERT_NE(window, nullptr);
+    ASSERT_TRUE(KvnPostMessage(window, perte, 1, 0));
+    ASSERT_TRUE(KvnPostMessage(window, ok, 2, 0));
+
+    kvn::MSG m = {};
+    ASSERT_TRUE(kvn::PeekMessageW(&m, window, ok, ok, kvn::kPmNoRemove));
+    EXPECT_EQ(m.hwnd, window);
+    EXPECT_EQ(m.message, ok);
+    EXPECT_EQ(m.wParam, 2u);
+    ASSERT_TRUE(kvn::PeekMessageW(&m, window, ok, ok, kvn::kPmRemove)) << "left where it was";
+    EXPECT_FALSE(kvn::PeekMessageW(&m, window, ok, ok, kvn::kPmRemove)) << "taken";
+    ASSERT_EQ(kvn::GetMessageW(&m, window, 0, 0), TRUE);
+    EXPECT_EQ(m.message, perte) << "the older one, passed over by the range";
+    EXPECT_FALSE(kvn::PeekMessageW(&m, window, 0, 0, kvn::kPmRemove));
+    KvnDestroyNotifyWindow(window);
 }
 
 }  // namespace

@@ -23,8 +23,14 @@
 //    leaves this case undefined.
 #include "platform/Kernel.h"
 
+#include <korvane/platform/KvnWait.h>
+
+#include <cstdint>
 #include <exception>
 #include <new>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include "platform/posix/PosixInternal.h"
 
@@ -192,7 +198,22 @@ void Unreference(KernelObject* o) {
     o->abandoned.store(false);
     o->heldPrev = o->heldNext = nullptr;
     o->socket = SocketBinding();
+    const int fd = o->pollFd.exchange(-1);
+    if (fd >= 0) close(fd);
+    o->pollFdReadable = false;
     Give(Objects(), o);
+}
+
+void SyncPollFdSlow(KernelObject* o) {
+    std::lock_guard<std::mutex> guard(o->lock);
+    const int fd = o->pollFd.load();
+    const bool set = o->signalled.load() != 0;
+    if (fd < 0 || set == o->pollFdReadable) return;
+    // The counter only ever holds 0 or 1: one write makes it readable, one
+    // read empties it.
+    std::uint64_t one = 1;
+    const ssize_t n = set ? write(fd, &one, sizeof one) : read(fd, &one, sizeof one);
+    if (n == static_cast<ssize_t>(sizeof one)) o->pollFdReadable = set;
 }
 
 void WakeWaiters(KernelObject* o) {
@@ -243,6 +264,7 @@ BOOL SetSignalled(HANDLE h, bool on) {
     // Against a waiter that registers and then looks (Waits.cpp): either it
     // sees the set or this sees it registered.
     if (on && o->nWaiters.load() > 0) WakeWaiters(o);
+    SyncPollFd(o);
     return TRUE;
 }
 
@@ -307,3 +329,30 @@ BOOL KvnCloseHandle(HANDLE h) {
 DWORD KvnGetLastError() { return t_lastError; }
 
 void KvnSetLastError(DWORD code) { t_lastError = code; }
+
+int KvnGetEventFd(HANDLE h) {
+    KernelObject* o = static_cast<KernelObject*>(h);
+    if (!KvnIsHandleOpen(h) || !IsOpen(o, ObjectKind::Event)) {
+        KvnSetLastError(ERROR_INVALID_HANDLE);
+        return -1;
+    }
+    {
+        std::lock_guard<std::mutex> guard(o->lock);
+        if (o->pollFd.load() < 0) {
+            const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+            if (fd < 0) {
+                KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                return -1;
+            }
+            o->pollFd.store(fd);
+        }
+    }
+    SyncPollFd(o);
+    return o->pollFd.load();
+}
+
+kvn::Bool kvn::ResetEvent(kvn::HANDLE h) {
+    KernelObject* o = static_cast<KernelObject*>(h);
+    // The application's events only, not its sockets' nor its threads'.
+    return KvnIsHandleOpen(h) && IsOpen(o, ObjectKind::Event) ? KvnResetEvent(h) : FALSE;
+}

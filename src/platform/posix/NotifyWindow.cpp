@@ -10,9 +10,12 @@
 //  - identifiers are the process's own (Windows shares them across the
 //    session), and names are compared without regard to case for ASCII
 //    letters only;
-//  - any thread may wait for the messages of a window, not only its creator;
-//  - a window is never full (Windows limits a queue to 10000 messages).
+//  - any thread may wait for the messages of a window, not only its creator,
+//    and a null window reads those of every window, not only the thread's;
+//  - a window is never full (Windows limits a queue to 10000 messages);
+//  - a message's time and point are 0.
 #include <korvane/platform/NotifyWindow.h>
+#include <korvane/platform/KvnWait.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -40,11 +43,13 @@ struct PostedMessage {
 struct NotifyQueue {
     std::deque<PostedMessage> messages;
     bool destroyed = false;
-    std::condition_variable posted;
 };
 
 struct NotifyState {
     std::mutex lock;  // guards everything below and every queue
+    // Told of every post and every destruction: a reader may wait on any
+    // window.
+    std::condition_variable changed;
     std::map<std::wstring, UINT> names;
     UINT nextId = kFirstMessageId;
     // A waiter keeps its queue alive while the window is destroyed under it.
@@ -111,8 +116,8 @@ void KvnDestroyNotifyWindow(HWND hWnd) {
     auto it = state.windows.find(hWnd);
     if (it == state.windows.end()) return;
     it->second->destroyed = true;
-    it->second->posted.notify_all();
     state.windows.erase(it);
+    state.changed.notify_all();
 }
 
 BOOL KvnPostMessage(HWND hWnd, UINT msg, WPARAM wParam, LPARAM lParam) {
@@ -129,30 +134,75 @@ BOOL KvnPostMessage(HWND hWnd, UINT msg, WPARAM wParam, LPARAM lParam) {
         KvnSetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return FALSE;
     }
-    it->second->posted.notify_one();
+    state.changed.notify_all();
     return TRUE;
 }
 
-BOOL KvnWaitNotifyMessage(HWND hWnd, DWORD timeoutMs, UINT* msg, WPARAM* wParam, LPARAM* lParam) {
+namespace {
+
+bool InRange(UINT msg, UINT filterMin, UINT filterMax) {
+    return (filterMin == 0 && filterMax == 0) || (msg >= filterMin && msg <= filterMax);
+}
+
+enum class Taken { Message, None, NoWindow };
+
+// Looks for the oldest message of hWnd (null: of any window) in the range,
+// waiting up to timeoutMs for one; takes it out of its queue when remove.
+Taken Take(HWND hWnd, UINT filterMin, UINT filterMax, bool remove, DWORD timeoutMs,
+           kvn::MSG* out) {
     NotifyState& state = State();
     std::unique_lock<std::mutex> lock(state.lock);
-    auto it = state.windows.find(hWnd);
-    if (it == state.windows.end()) {
-        KvnSetLastError(kErrorInvalidWindowHandle);
-        return FALSE;
+    std::shared_ptr<NotifyQueue> one;
+    if (hWnd != nullptr) {
+        auto it = state.windows.find(hWnd);
+        if (it == state.windows.end()) {
+            KvnSetLastError(kErrorInvalidWindowHandle);
+            return Taken::NoWindow;
+        }
+        one = it->second;
     }
-    std::shared_ptr<NotifyQueue> queue = it->second;
-    auto ready = [&queue] { return !queue->messages.empty() || queue->destroyed; };
-    if (timeoutMs == INFINITE) {
-        queue->posted.wait(lock, ready);
-    } else {
-        queue->posted.wait_for(lock, std::chrono::milliseconds(timeoutMs), ready);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (one && one->destroyed) return Taken::NoWindow;
+        for (auto& w : state.windows) {
+            if (one && w.second != one) continue;
+            std::deque<PostedMessage>& q = w.second->messages;
+            for (auto m = q.begin(); m != q.end(); ++m) {
+                if (!InRange(m->msg, filterMin, filterMax)) continue;
+                if (out) *out = kvn::MSG{w.first, m->msg, m->wParam, m->lParam, 0, {0, 0}};
+                if (remove) q.erase(m);
+                return Taken::Message;
+            }
+        }
+        if (timeoutMs == 0) return Taken::None;
+        if (timeoutMs == INFINITE) {
+            state.changed.wait(lock);
+        } else if (state.changed.wait_until(lock, deadline) == std::cv_status::timeout) {
+            timeoutMs = 0;  // one last look
+        }
     }
-    if (queue->messages.empty() || queue->destroyed) return FALSE;
-    PostedMessage m = queue->messages.front();
-    queue->messages.pop_front();
-    if (msg) *msg = m.msg;
+}
+
+}  // namespace
+
+BOOL KvnWaitNotifyMessage(HWND hWnd, DWORD timeoutMs, UINT* msg, WPARAM* wParam, LPARAM* lParam) {
+    kvn::MSG m;
+    if (hWnd == nullptr || Take(hWnd, 0, 0, true, timeoutMs, &m) != Taken::Message) return FALSE;
+    if (msg) *msg = m.message;
     if (wParam) *wParam = m.wParam;
     if (lParam) *lParam = m.lParam;
     return TRUE;
 }
+
+kvn::Bool kvn::PeekMessageW(kvn::MSG* msg, kvn::HWND hWnd, kvn::UINT filterMin, kvn::UINT filterMax,
+                            kvn::UINT removeMsg) {
+    return Take(hWnd, filterMin, filterMax, (removeMsg & kPmRemove) != 0, 0, msg) == Taken::Message
+               ? TRUE
+               : FALSE;
+}
+
+kvn::Bool kvn::GetMessageW(kvn::MSG* msg, kvn::HWND hWnd, kvn::UINT filterMin, kvn::UINT filterMax) {
+    return Take(hWnd, filterMin, filterMax, true, INFINITE, msg) == Taken::Message ? TRUE : -1;
+}
+
+kvn::UINT kvn::RegisterWindowMessageW(const wchar_t* name) { return KvnRegisterWindowMessage(name); }

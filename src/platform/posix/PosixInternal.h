@@ -83,6 +83,11 @@ struct KernelObject {
 
     SocketBinding socket;
 
+    // Events whose application asked for a descriptor (KvnGetEventFd): an
+    // eventfd that is readable while the event is set; -1 for the others.
+    std::atomic<int> pollFd{-1};
+    bool pollFdReadable = false;  // guarded by lock
+
     KernelObject* poolNext = nullptr;
 };
 
@@ -106,6 +111,8 @@ void Unreference(KernelObject* o);
 
 // Every thread waiting on o looks at its wait again. Takes o's lock.
 void WakeWaiters(KernelObject* o);
+// After a change of an event's state: its descriptor, if it has one, follows.
+inline void SyncPollFd(KernelObject* o);
 
 // A socket event watched by a thread's epoll set.
 struct Watch {
@@ -145,6 +152,11 @@ ThreadState& CurrentThread();
 // Called first thing by a thread started by this layer: its end signals the
 // thread object, which it holds a reference to.
 void AttachThreadObject(KernelObject* object);
+
+void SyncPollFdSlow(KernelObject* o);
+inline void SyncPollFd(KernelObject* o) {
+    if (o->pollFd.load() >= 0) SyncPollFdSlow(o);
+}
 
 // Makes sure the thread has its eventfd and epoll set; false when the system
 // refused them.

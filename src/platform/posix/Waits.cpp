@@ -17,6 +17,8 @@
 // Linux only: futexes, eventfd and epoll.
 #include "platform/Kernel.h"
 
+#include <korvane/platform/KvnWait.h>
+
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -51,8 +53,12 @@ bool Scan(KernelObject* const* objects, DWORD count, ThreadState& self, DWORD& r
         bool abandoned = false;
         switch (KindOf(o)) {
         case ObjectKind::Event:
-            if (o->manualReset) taken = o->signalled.load() != 0;
-            else taken = o->signalled.load() != 0 && o->signalled.exchange(0) != 0;
+            if (o->manualReset) {
+                taken = o->signalled.load() != 0;
+            } else {
+                taken = o->signalled.load() != 0 && o->signalled.exchange(0) != 0;
+                if (taken) SyncPollFd(o);
+            }
             break;
         case ObjectKind::Thread: taken = o->signalled.load() != 0; break;
         case ObjectKind::Mutex: taken = TryTakeMutex(o, self, abandoned); break;
@@ -265,5 +271,18 @@ using namespace kvn_posix;
 DWORD KvnWaitForSingleObject(HANDLE h, DWORD timeoutMs) { return WaitAny(1, &h, timeoutMs); }
 
 DWORD KvnWaitForMultipleObjects(DWORD count, const HANDLE* handles, DWORD timeoutMs) {
+    return WaitAny(count, handles, timeoutMs);
+}
+
+kvn::DWORD kvn::WaitForSingleObject(kvn::HANDLE h, kvn::DWORD timeoutMs) {
+    return WaitAny(1, &h, timeoutMs);
+}
+
+kvn::DWORD kvn::WaitForMultipleObjects(kvn::DWORD count, const kvn::HANDLE* handles,
+                                       kvn::Bool waitAll, kvn::DWORD timeoutMs) {
+    if (waitAll) {
+        KvnSetLastError(ERROR_INVALID_PARAMETER);
+        return WAIT_FAILED;
+    }
     return WaitAny(count, handles, timeoutMs);
 }

@@ -18,11 +18,15 @@
 /// it then cannot also include headers that define those names themselves.
 /// The library and its own tools are built that way.
 ///
-/// This is the only public header that knows which system it is built for.
+/// This is the only public header that knows which system it is built for:
+// KVN_SYSTEM_WAITS tells the others whether the system has its own waits and
+// message functions (Windows) or the library provides them (KvnWait.h).
 #ifndef KORVANE_PLATFORM_KVNTYPES_H
 #define KORVANE_PLATFORM_KVNTYPES_H
 
 #if defined(_WIN32)
+
+#define KVN_SYSTEM_WAITS 1
 
 // Lean or not, before or after the application's own <windows.h>: the
 // application decides; only what every variant declares is used here. A
@@ -53,6 +57,8 @@ typedef UINT_PTR SOCKET;
 }  // namespace kvn
 
 #else  // POSIX
+
+#define KVN_SYSTEM_WAITS 0
 
 #include <cstddef>
 #include <cstdint>
