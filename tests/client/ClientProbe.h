@@ -17,6 +17,7 @@
 
 #include "client/CConnexionKorvane.h"
 #include "client/ClientThreads.h"
+#include "client/ClientTimings.h"
 #include "diag/Log.h"
 #include "peer/ScriptedPeer.h"
 #include "platform/DebugOutput.h"
@@ -80,6 +81,17 @@ public:
 inline bool IsSet(HANDLE event, DWORD timeoutMs = 0) {
     return KvnWaitForSingleObject(event, timeoutMs) == WAIT_OBJECT_0;
 }
+
+// The answer wait, and every wait for a thread to end, cut short for the
+// length of a test.
+struct ShortAnswerWait {
+    explicit ShortAnswerWait(DWORD ms) { KvnSetAnswerWaitForTests(ms); }
+    ~ShortAnswerWait() { KvnSetAnswerWaitForTests(0); }
+};
+struct ShortStopWaits {
+    explicit ShortStopWaits(DWORD ms) { KvnSetStopWaitsForTests(ms); }
+    ~ShortStopWaits() { KvnSetStopWaitsForTests(0); }
+};
 
 // Bounded wait until condition() holds.
 template <class F>

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "ClientProbe.h"
-#include "client/ClientTimings.h"
 #include "support/ServiceSession.h"
 
 namespace {
@@ -23,10 +22,7 @@ protected:
 
 TEST_F(Lifetime, FreeConnexionWaitsForTheRequestInProgressOnTheConnexion) {
     // A request left without its connection's thread would wait this long.
-    struct ShortAnswerWait {
-        ShortAnswerWait() { KvnSetAnswerWaitForTests(2000); }
-        ~ShortAnswerWait() { KvnSetAnswerWaitForTests(0); }
-    } shortAnswerWait;
+    probe::ShortAnswerWait shortAnswerWait(2000);
     auto reading = std::make_shared<std::atomic<bool>>(false);
     service_.OnAccept(0, MainLink(SessionAnswer()));
     service_.OnAccept(1, ConnexionLink([reading](Connection& c) {
@@ -58,10 +54,7 @@ TEST_F(Lifetime, FreeConnexionWaitsForTheRequestInProgressOnTheConnexion) {
 // the client is destroyed; the stop waits are cut short. The client must
 // outlive the thread (the address sanitizer sees any use after it).
 TEST_F(Lifetime, AThreadThatOutlivesItsStopWaitNeverUsesADestroyedClient) {
-    struct ShortStopWaits {
-        ShortStopWaits() { KvnSetStopWaitsForTests(100); }
-        ~ShortStopWaits() { KvnSetStopWaitsForTests(0); }
-    } shortStopWaits;
+    probe::ShortStopWaits shortStopWaits(100);
     auto stuck = std::make_shared<std::atomic<bool>>(false);
     service_.OnAccept(0, MainLink(SessionAnswer()));
     service_.OnAccept(1, ConnexionLink([](Connection& c) {

@@ -4,6 +4,7 @@
 // links are being counted, a connection opened while the link is down, and
 // the main socket left to the thread that owns it.
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -11,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include "ClientProbe.h"
-#include "client/ClientTimings.h"
 #include "platform/Sockets.h"
 #include "support/RestartingService.h"
 #include "support/ServiceSession.h"
@@ -35,10 +35,7 @@ protected:
 
 TEST_F(LinkState, EachRestartUnderLoadIsOneLossAndOneReturnAndWakesTheRequestsInFlight) {
     // A request that a loss fails to wake waits for its answer this long.
-    struct ShortAnswerWait {
-        ShortAnswerWait() { KvnSetAnswerWaitForTests(2000); }
-        ~ShortAnswerWait() { KvnSetAnswerWaitForTests(0); }
-    } shortAnswerWait;
+    probe::ShortAnswerWait shortAnswerWait(2000);
     SessionAnswer patient;
     patient.timeOutAck = 3000;
     RestartingService service(patient);
@@ -74,6 +71,47 @@ TEST_F(LinkState, EachRestartUnderLoadIsOneLossAndOneReturnAndWakesTheRequestsIn
     EXPECT_EQ(0u, Next(200)) << "no loss told twice";
     EXPECT_FALSE(IsSet(client.GetEventCommOK())) << "once per recovery";
     EXPECT_EQ(0, timedOut.load()) << "a request in flight at a loss waited for its answer";
+    client.Free();
+}
+
+// The second request passed the link test before the loss and waits for the
+// connection's request lock, held by the first, whose send the service never
+// acknowledges: both were in flight, both learn of the loss.
+TEST_F(LinkState, ALossWakesARequestThatWasWaitingForItsTurn) {
+    peer::ScriptedPeer service;
+    auto read = std::make_shared<std::atomic<bool>>(false);
+    service.OnAccept(0, MainLink(SessionAnswer()));
+    service.OnAccept(1, [read](peer::Connection& c) {
+        AcceptConnexion(c);
+        c.Expect(KVN_EXECUTE);
+        *read = true;  // and never acknowledged
+        c.ExpectClientClose(15000);
+    });
+    probe::Client client;
+    ASSERT_EQ(KVN_NO_ERROR, client.Open(service.Port(), window_.h));
+    ASSERT_EQ(commOk_, Next());
+    const int hCnx = client.GetConnexion();
+    ASSERT_GT(hCnx, 0);
+
+    auto execute = [&](int& r) {
+        int resultat = 0;
+        r = client.Execute(hCnx, L"UPDATE T SET A = 1", resultat);
+    };
+    int first = 0, second = 0;
+    std::thread a(execute, std::ref(first));
+    ASSERT_TRUE(probe::WaitUntil([&] { return read->load(); }));
+    std::thread b(execute, std::ref(second));
+    KvnSleep(100);  // b waits for the request lock
+
+    const Clock::time_point loss = Clock::now();
+    client.m_NotifyComLost();
+    a.join();
+    b.join();
+    EXPECT_LT(MsSince(loss), 5000) << "the second request waited for its send's limit";
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, first);
+    EXPECT_EQ(KVN_ERROR_SOCKET_CLOSED, second);
+    EXPECT_EQ(perteComm_, Next());
+    EXPECT_EQ(0u, Next(0)) << "told once";
     client.Free();
 }
 

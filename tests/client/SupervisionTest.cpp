@@ -218,10 +218,7 @@ TEST_F(Supervision, HeartbeatsThatStopLeadToALossAndTheSessionComesBack) {
 TEST_F(Supervision, RequestsOnSeveralConnectionsWhileTheServiceKeepsRestarting) {
     // An answer lost with its link is given up after this long instead of
     // the library's four minutes.
-    struct ShortAnswerWait {
-        ShortAnswerWait() { KvnSetAnswerWaitForTests(3000); }
-        ~ShortAnswerWait() { KvnSetAnswerWaitForTests(0); }
-    } shortAnswerWait;
+    probe::ShortAnswerWait shortAnswerWait(3000);
     const int kConnexions = 3;
     const int kThreads = 6;  // two threads share each connection
     Open(kConnexions);
