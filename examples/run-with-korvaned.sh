@@ -2,18 +2,25 @@
 # Runs an example program against a korvaned of its own, on loopback, in a
 # temporary directory, then stops korvaned.
 #
-#   run-with-korvaned.sh KORVANED MODE PROGRAM
+#   run-with-korvaned.sh KORVANED MODE PROGRAM [ARG...]
 #
-# MODE: --sqlite    korvaned on a SQLite file; PROGRAM is given HOST PORT;
-#       --postgres  korvaned on a PostgreSQL server started for the run
-#                   (exit 77, "skipped", where PostgreSQL is not installed);
-#       --restart   korvaned on a SQLite file, stopped once PROGRAM says
-#                   "link up" and started again on the same port once it says
-#                   "link lost"; PROGRAM is given HOST PORT 1 (one recovery).
+# MODE: --sqlite      korvaned on a SQLite file; PROGRAM is given ARG... HOST
+#                     PORT;
+#       --postgres    korvaned on a PostgreSQL server started for the run
+#                     (exit 77, "skipped", where PostgreSQL is not installed);
+#       --restart[=N] korvaned on a SQLite file, stopped N times (default 1)
+#                     and started again on the same port each time: stopped
+#                     once PROGRAM says "link up" (then "working again"),
+#                     started again once it says "link lost". The odd stops
+#                     are a SIGTERM, the even ones a SIGKILL, which leaves the
+#                     closing of the links to the system. PROGRAM is given
+#                     ARG... HOST PORT N, and must end by itself.
 set -euo pipefail
 korvaned=${1:?usage: run-with-korvaned.sh KORVANED MODE PROGRAM}
 mode=${2:?usage: run-with-korvaned.sh KORVANED MODE PROGRAM}
 program=${3:?usage: run-with-korvaned.sh KORVANED MODE PROGRAM}
+shift 3
+program_args=("$@")
 here=$(cd "$(dirname "$0")" && pwd)
 dir=$(mktemp -d)
 chmod 755 "$dir"  # PostgreSQL runs as its own user when started by root
@@ -27,13 +34,17 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Waits up to 20 s for a line matching $2 in file $1.
+# Waits up to 20 s for $3 lines (default 1) matching $2 in file $1, and
+# gives up at once when the process $4, if given, has ended.
 wait_for() {
+  local n
   for _ in $(seq 200); do
-    grep -q "$2" "$1" 2>/dev/null && return 0
+    n=$(grep -c "$2" "$1" 2>/dev/null || true)
+    [ "${n:-0}" -ge "${3:-1}" ] && return 0
+    [ -n "${4:-}" ] && ! kill -0 "$4" 2>/dev/null && break
     sleep 0.1
   done
-  echo "run-with-korvaned.sh: no '$2' in $1 after 20 s" >&2
+  echo "run-with-korvaned.sh: not ${3:-1} '$2' in $1" >&2
   return 1
 }
 
@@ -55,20 +66,23 @@ else
   args=(--database "$dir/example.db")
 fi
 
-# The heartbeat goes to the discard port: these programs notice a service that
-# goes away by its links closing.
+# The heartbeat goes to the discard port, once a minute: these programs notice
+# a service that goes away by its links closing, and a heartbeat that never
+# comes would count as a loss of its own after three periods.
 start_service() {
-  "$korvaned" --port "$1" --port-file "$dir/port" --hb-mode unicast --hb-port 9 "${args[@]}" \
+  "$korvaned" --port "$1" --port-file "$dir/port" --hb-mode unicast --hb-port 9 --hb-period 60000 \
+    "${args[@]}" \
     2>>"$dir/korvaned.log" &
   service=$!
   wait_for "$dir/port" . || { cat "$dir/korvaned.log" >&2; exit 1; }
 }
 
-stop_service() {
-  kill -TERM "$service"
-  local code=0
+stop_service() {  # $1: the signal, TERM by default
+  local signal=${1:-TERM} code=0
+  kill -"$signal" "$service"
   wait "$service" || code=$?
   service=0
+  [ "$signal" = KILL ] && return 0
   if [ "$code" -ne 0 ] || ! grep -q "shutting down" "$dir/korvaned.log"; then
     echo "run-with-korvaned.sh: korvaned ended with $code on SIGTERM" >&2
     cat "$dir/korvaned.log" >&2
@@ -79,18 +93,31 @@ stop_service() {
 start_service 0
 port=$(cat "$dir/port")
 status=0
-if [ "$mode" = --restart ]; then
-  "$program" 127.0.0.1 "$port" 1 >"$dir/out" 2>&1 &
+if [[ $mode == --restart* ]]; then
+  cycles=${mode#--restart}
+  cycles=${cycles#=}
+  cycles=${cycles:-1}
+  "$program" "${program_args[@]}" 127.0.0.1 "$port" "$cycles" >"$dir/out" 2>&1 &
   pid=$!
-  wait_for "$dir/out" "link up" || { kill "$pid"; cat "$dir/out" >&2; exit 1; }
-  rm -f "$dir/port"
-  stop_service
-  wait_for "$dir/out" "link lost" || { kill "$pid"; cat "$dir/out" >&2; exit 1; }
-  start_service "$port"
+  program_failed() {
+    kill "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+    cat "$dir/out" >&2
+    exit 1
+  }
+  for i in $(seq "$cycles"); do
+    signal=TERM
+    [ $((i % 2)) -eq 0 ] && signal=KILL
+    wait_for "$dir/out" "link up\|working again" "$i" "$pid" || program_failed
+    rm -f "$dir/port"
+    stop_service "$signal"
+    wait_for "$dir/out" "link lost" "$i" "$pid" || program_failed
+    start_service "$port"
+  done
   wait "$pid" || status=$?
   cat "$dir/out"
 else
-  "$program" 127.0.0.1 "$port" || status=$?
+  "$program" "${program_args[@]}" 127.0.0.1 "$port" || status=$?
 fi
 stop_service
 [ "$status" -eq 0 ] || cat "$dir/korvaned.log" >&2

@@ -4,7 +4,10 @@
 #  - the installed tools run (they find the library through their RUNPATH),
 #    korvaned with the installed example configuration;
 #  - a small application builds against the package with find_package and
-#    with pkg-config, and runs.
+#    with pkg-config, and runs;
+#  - examples/event_loop.cpp builds with pkg-config alone and follows the
+#    losses and returns of its link, with poll and with the wait functions,
+#    against the installed korvaned stopped and started again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -45,3 +48,14 @@ libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir korvaneclient)
 c++ -std=c++17 -Wall -Wextra -Werror "$root"/tests/install/app/{main,OdbcFirst,OdbcLast}.cpp \
   -o "$tmp/pc_check" $flags -Wl,-rpath,"$libdir"
 "$tmp/pc_check"
+
+echo "-- event loop against the installed korvaned, stopped and restarted"
+# shellcheck disable=SC2086
+c++ -std=c++17 -Wall -Wextra -Werror "$root/examples/event_loop.cpp" -o "$tmp/event_loop" $flags \
+  -Wl,-rpath,"$libdir"
+for waits in "" --waits; do
+  # shellcheck disable=SC2086
+  out=$("$root/examples/run-with-korvaned.sh" "$prefix/bin/korvaned" --restart=2 "$tmp/event_loop" $waits 2>&1) ||
+    { echo "$out"; exit 1; }
+  echo "event_loop ${waits:-(poll)}: $(grep -c "link back" <<<"$out") returns followed"
+done
