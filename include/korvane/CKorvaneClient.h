@@ -75,8 +75,9 @@ class KVN_API CKorvaneClient {
 public:
     /// Creates the object's events; no session yet, no thread started.
     CKorvaneClient();
-    /// Free, then releases the events: the handles given out become invalid.
-    /// On the thread that called Init.
+    /// Free, then releases the events: the handles given out become invalid
+    /// and their descriptors (KvnGetEventFd) are closed. On the thread that
+    /// called Init.
     virtual ~CKorvaneClient();
 
     CKorvaneClient(const CKorvaneClient&) = delete;
@@ -131,9 +132,11 @@ public:
     /// All auto-reset: a set wakes one waiting thread, and a set that nobody
     /// waits for stays until the next wait. They belong to the object and
     /// live as long as it does (Init and Free neither reset nor re-create
-    /// them): wait on them from any thread, never close them. On Windows the
-    /// system's wait functions take them; on Linux the notification window
-    /// (NotifyWindow.h) tells of the losses and of the main link's return.
+    /// them): wait on them from any thread, never close them.
+    /// kvn::WaitForSingleObject and kvn::WaitForMultipleObjects (KvnWait.h)
+    /// take them on every system; on Linux, KvnGetEventFd gives for each a
+    /// descriptor readable while it is set, for poll, epoll, libuv, Qt or
+    /// asio loops.
     ///@{
 
     /// Set when the link is lost (the main socket closed, the heartbeat late,

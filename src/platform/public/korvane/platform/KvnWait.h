@@ -37,8 +37,13 @@
 /// a wait (timeout 0), which for an auto-reset event such as those of
 /// GetEventPerteComm and GetEventCommOK resets it, and the descriptor stops
 /// being readable. Only the readiness of the descriptor means something: do
-/// not read from it, write to it or close it. It lives as long as its event
-/// (the client object).
+/// not read from it, write to it or close it. Each set after a take makes it
+/// readable anew, so edge-triggered watches work too. It lives as long as its
+/// event, that is as long as the client object: CKorvaneClient::Free and a
+/// later Init leave it alone (Free sets the event of GetEventPerteComm when
+/// every link was up, so a loop still watching sees that loss), and the
+/// object's destructor closes it. Take it out of the loop before destroying
+/// the object, as its number may then go to another file.
 #ifndef KORVANE_PLATFORM_KVNWAIT_H
 #define KORVANE_PLATFORM_KVNWAIT_H
 
