@@ -10,17 +10,6 @@
 
 namespace e2e {
 
-std::vector<std::string> ServiceArguments(int blockRows, const std::vector<std::string>& more) {
-    // A service that goes away is noticed by its links closing; the
-    // heartbeat's tolerance (20 periods of 250 ms) is only patience with a
-    // busy machine.
-    std::vector<std::string> args = {"--block-rows", std::to_string(blockRows), "--hb-mode", "unicast",
-                                     "--hb-address", "127.0.0.1", "--hb-port", std::to_string(FreeUdpPort()),
-                                     "--hb-period", "250", "--hb-count", "20"};
-    args.insert(args.end(), more.begin(), more.end());
-    return args;
-}
-
 std::string Narrow(const wchar_t* text) {
     std::string out;
     for (; text != nullptr && *text != 0; ++text) out += (*text > 0 && *text < 128) ? static_cast<char>(*text) : '?';

@@ -18,11 +18,6 @@
 
 namespace e2e {
 
-// The service's arguments for a test: its heartbeat goes to 127.0.0.1 on a
-// port of its own, and a select's blocks hold blockRows rows. `more` comes
-// last and may override any of them.
-std::vector<std::string> ServiceArguments(int blockRows, const std::vector<std::string>& more = {});
-
 // A copy of a field of a packed value: the checks take their arguments by
 // reference, which a packed field cannot bind to.
 template <class T>

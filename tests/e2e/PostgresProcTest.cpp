@@ -15,20 +15,12 @@ using e2e::Copy;
 
 namespace {
 
-PostgresServer* g_postgres = nullptr;
-
 class E2ePostgres : public e2e::E2eTest {
 protected:
-    static void SetUpTestSuite() { g_postgres = new PostgresServer; }
-    static void TearDownTestSuite() {
-        delete g_postgres;
-        g_postgres = nullptr;
-    }
-
     void SetUp() override {
         E2eTest::SetUp();
-        if (!g_postgres->skipReason.empty()) GTEST_SKIP() << g_postgres->skipReason;
-        Start(e2e::ServiceArguments(4, {"--odbc", g_postgres->connection}));
+        if (!SharedPostgres().skipReason.empty()) GTEST_SKIP() << SharedPostgres().skipReason;
+        Start(ServiceArguments(4, {"--odbc", SharedPostgres().connection}));
     }
 };
 

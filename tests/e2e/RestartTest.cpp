@@ -40,7 +40,7 @@ class E2eRestart : public e2e::E2eTest {};
 TEST_F(E2eRestart, ConnexionsSurviveARestartOfTheServiceUnderLoad) {
     // The database outlives the first service.
     TempDir data;
-    const std::vector<std::string> arguments = e2e::ServiceArguments(7, {"--database", data.File("restart.db")});
+    const std::vector<std::string> arguments = ServiceArguments(7, {"--database", data.File("restart.db")});
     Start(arguments);
     if (HasFatalFailure()) return;
     ASSERT_TRUE(client.MainLinkSupervised()) << "nothing would notice the restart";

@@ -26,7 +26,7 @@ class E2eSqlite : public e2e::E2eTest {
 protected:
     void SetUp() override {
         E2eTest::SetUp();
-        Start(e2e::ServiceArguments(kBlockRows, {"--db-type", "3"}));
+        Start(ServiceArguments(kBlockRows, {"--db-type", "3"}));
     }
 
     // A table of n rows: id 1..n, name "row<id>".

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,30 +17,6 @@
 #include "support/TestUtil.h"
 
 namespace {
-
-std::string Contents(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-// Waits up to timeoutMs for the file to contain part.
-bool WaitForText(const std::string& path, const std::string& part, int timeoutMs) {
-    const auto start = kvntest::Clock::now();
-    while (!Contains(Contents(path), part) && kvntest::MsSince(start) < timeoutMs) KvnSleep(20);
-    return Contains(Contents(path), part);
-}
-
-// Runs a shell line and waits for it: its exit code.
-int Shell(const std::string& line) {
-    const KvnProcess p = StartProgram({"/bin/sh", "-c", line}, "");
-    int code = -1;
-    if (p != 0 && KvnWaitProcess(p, 20000, &code) != 1) ADD_FAILURE() << "still running: " << line;
-    return code;
-}
 
 // A link from the given local address: true when the service closed it
 // without a byte (the access list refused it), false when it stayed open.
@@ -112,8 +87,8 @@ TEST_F(ServiceOperation, SigtermAndSigintCloseEveryLinkLogTheCountsAndExitWithZe
                        "' --log-file '" + log2 + "' --hb-mode unicast --hb-port 9 & wait_for=50; "
                        "while [ ! -s '" + pidFile + "' ] && [ $wait_for -gt 0 ]; do sleep 0.1; "
                        "wait_for=$((wait_for-1)); done; kill -INT $(cat '" + pidFile + "'); wait $!"));
-    EXPECT_TRUE(Contains(Contents(log2), "SIGINT received")) << Contents(log2);
-    EXPECT_TRUE(Contains(Contents(log2), "shutting down"));
+    EXPECT_TRUE(Contains(ReadFile(log2), "SIGINT received")) << ReadFile(log2);
+    EXPECT_TRUE(Contains(ReadFile(log2), "shutting down"));
     EXPECT_FALSE(std::ifstream(pidFile).good()) << "the pid file goes with the process";
 }
 
@@ -127,7 +102,7 @@ TEST_F(ServiceOperation, SighupOpensTheLogFileAgainAfterARotation) {
     ASSERT_TRUE(WaitForText(dir.File("k.log"), "log file opened again", 5000));
     EXPECT_EQ(0, ApplicationLink(logged.Port(), L"after-rotation").result);
     EXPECT_TRUE(WaitForText(dir.File("k.log"), "after-rotation", 5000));
-    EXPECT_FALSE(Contains(Contents(dir.File("k.log.1")), "after-rotation"));
+    EXPECT_FALSE(Contains(ReadFile(dir.File("k.log.1")), "after-rotation"));
 }
 
 TEST_F(ServiceOperation, APortAlreadyTakenIsReportedInWordsAndLeavesNoDatabaseFile) {
@@ -140,8 +115,8 @@ TEST_F(ServiceOperation, APortAlreadyTakenIsReportedInWordsAndLeavesNoDatabaseFi
     int code = -1;
     ASSERT_EQ(1, KvnWaitProcess(p, 20000, &code));
     EXPECT_EQ(1, code);
-    EXPECT_TRUE(Contains(Contents(dir.File("log")), "Address already in use")) << Contents(dir.File("log"));
-    EXPECT_FALSE(Contains(Contents(dir.File("log")), "10048"));
+    EXPECT_TRUE(Contains(ReadFile(dir.File("log")), "Address already in use")) << ReadFile(dir.File("log"));
+    EXPECT_FALSE(Contains(ReadFile(dir.File("log")), "10048"));
     EXPECT_FALSE(std::ifstream(dir.File("never.db")).good());
     EXPECT_FALSE(std::ifstream(dir.File("pid")).good());
     KvnCloseSocket(taken);
@@ -179,7 +154,7 @@ TEST_F(ServiceOperation, ReadOnlyServesReadsAndTheDatabaseRefusesWrites) {
     int code = -1;
     ASSERT_EQ(1, KvnWaitProcess(p, 20000, &code));
     EXPECT_EQ(1, code);
-    EXPECT_TRUE(Contains(Contents(dir.File("log")), "--read-only: ")) << Contents(dir.File("log"));
+    EXPECT_TRUE(Contains(ReadFile(dir.File("log")), "--read-only: ")) << ReadFile(dir.File("log"));
 }
 
 TEST_F(ServiceOperation, TheStatisticsPageCountsLinksRequestsErrorsAndLatency) {
@@ -219,7 +194,7 @@ TEST_F(ServiceOperation, TheToolsTellTheirVersion) {
     TempDir dir;
     EXPECT_EQ(0, Shell("'" + std::string(KVN_KORVANED_PATH) + "' --version > '" + dir.File("v") + "' && '" +
                        KVN_LOADER_PATH + "' --version >> '" + dir.File("v") + "'"));
-    const std::string versions = Contents(dir.File("v"));
+    const std::string versions = ReadFile(dir.File("v"));
     EXPECT_TRUE(Contains(versions, "korvaned 1.")) << versions;
     EXPECT_TRUE(Contains(versions, "korvane-loader 1.")) << versions;
 }

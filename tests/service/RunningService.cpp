@@ -1,8 +1,10 @@
 // Starting and stopping the programs of the tests.
 #include "RunningService.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 
@@ -45,6 +47,13 @@ KvnProcess StartProgram(const std::vector<std::string>& args, const std::string&
     return p;
 }
 
+int Shell(const std::string& line) {
+    const KvnProcess p = StartProgram({"/bin/sh", "-c", line}, "");
+    int code = -1;
+    if (p != 0 && KvnWaitProcess(p, 20000, &code) != 1) ADD_FAILURE() << "still running: " << line;
+    return code;
+}
+
 unsigned short WaitForPortFile(const std::string& path, int timeoutMs) {
     const auto start = kvntest::Clock::now();
     while (kvntest::MsSince(start) < timeoutMs) {
@@ -55,6 +64,34 @@ unsigned short WaitForPortFile(const std::string& path, int timeoutMs) {
         KvnSleep(10);
     }
     return 0;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool WaitForText(const std::string& path, const std::string& part, int timeoutMs) {
+    const auto start = kvntest::Clock::now();
+    // A log is a file: nothing to wait on but time.
+    while (!Contains(ReadFile(path), part)) {
+        if (kvntest::MsSince(start) > timeoutMs) {
+            ADD_FAILURE() << "'" << part << "' did not come in " << path << ":\n" << ReadFile(path);
+            return false;
+        }
+        KvnSleep(20);
+    }
+    return true;
+}
+
+std::vector<std::string> ServiceArguments(int blockRows, const std::vector<std::string>& more) {
+    std::vector<std::string> args = {"--block-rows", std::to_string(blockRows), "--hb-mode", "unicast",
+                                     "--hb-address", "127.0.0.1", "--hb-port", std::to_string(FreeUdpPort()),
+                                     "--hb-period", "250", "--hb-count", "20"};
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
 }
 
 RunningService::RunningService(const std::vector<std::string>& arguments) : process_(0), port_(0) {
@@ -97,13 +134,6 @@ int RunningService::WaitForExit(DWORD timeoutMs) {
     return code;
 }
 
-std::string RunningService::Log() const {
-    std::ifstream in(dir_.File("korvaned.log"));
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 namespace {
 
 // Runs start-postgres.sh with its arguments: its exit code, or -1.
@@ -120,9 +150,19 @@ int RunPostgresScript(const std::vector<std::string>& arguments, DWORD timeoutMs
     return code;
 }
 
-}  // namespace
+// The server this program started itself, stopped once every test ran.
+class OwnPostgres : public ::testing::Environment {
+public:
+    std::unique_ptr<TempDir> dir;
+    void TearDown() override {
+        if (dir) RunPostgresScript({"--stop", dir->File("pg")}, 60000);
+        dir.reset();
+    }
+};
+OwnPostgres* const g_ownPostgres = static_cast<OwnPostgres*>(::testing::AddGlobalTestEnvironment(new OwnPostgres));
 
-PostgresServer::PostgresServer() {
+PostgresServer StartPostgres() {
+    PostgresServer server;
     std::string driver;
     for (const char* place : {"/usr/lib/x86_64-linux-gnu/odbc/psqlodbcw.so", "/usr/lib/aarch64-linux-gnu/odbc/psqlodbcw.so",
                               "/usr/lib/x86_64-linux-gnu/odbc/psqlodbca.so", "/usr/lib/aarch64-linux-gnu/odbc/psqlodbca.so",
@@ -130,21 +170,30 @@ PostgresServer::PostgresServer() {
         if (driver.empty() && std::ifstream(place).good()) driver = place;
     }
     if (driver.empty()) {
-        skipReason = "the PostgreSQL ODBC driver is not installed (odbc-postgresql)";
-        return;
+        server.skipReason = "the PostgreSQL ODBC driver is not installed (odbc-postgresql)";
+        return server;
     }
-    const unsigned short port = FreeTcpPort();
-    const int code = RunPostgresScript({dir.File("pg"), std::to_string(port)}, 120000);
-    if (code != 0) {
-        skipReason = "PostgreSQL is not installed (postgresql)";
-        // Installed but not starting is a fault of the tests' setup, not a reason to skip.
-        EXPECT_EQ(77, code) << "start-postgres.sh could not start PostgreSQL";
-        return;
+    unsigned port = 0;
+    const char* shared = std::getenv("KVN_TEST_POSTGRES");
+    if (shared == nullptr || !(std::ifstream(shared) >> port)) {
+        g_ownPostgres->dir = std::make_unique<TempDir>();
+        port = FreeTcpPort();
+        const int code = RunPostgresScript({g_ownPostgres->dir->File("pg"), std::to_string(port)}, 120000);
+        if (code != 0) {
+            server.skipReason = "PostgreSQL is not installed (postgresql)";
+            // Installed but not starting is a fault of the tests' setup, not a reason to skip.
+            EXPECT_EQ(77, code) << "start-postgres.sh could not start PostgreSQL";
+            return server;
+        }
     }
-    connection = "DRIVER=" + driver + ";Servername=127.0.0.1;Port=" + std::to_string(port) +
-                 ";Database=korvane;Username=postgres;Password=;";
+    server.connection = "DRIVER=" + driver + ";Servername=127.0.0.1;Port=" + std::to_string(port) +
+                        ";Database=korvane;Username=postgres;Password=;";
+    return server;
 }
 
-PostgresServer::~PostgresServer() {
-    if (!connection.empty()) RunPostgresScript({"--stop", dir.File("pg")}, 60000);
+}  // namespace
+
+PostgresServer& SharedPostgres() {
+    static PostgresServer server = StartPostgres();
+    return server;
 }

@@ -5,16 +5,51 @@
 #
 #   start-postgres.sh DIR PORT    start (DIR is created or must be empty)
 #   start-postgres.sh --stop DIR  stop the server started in DIR
+#   start-postgres.sh --shared FILE       start one for a whole test run in a
+#                                         new directory, on a free port written to FILE
+#   start-postgres.sh --stop-shared FILE  stop it and remove its directory
 #
-# Exit code 77 when PostgreSQL is not installed here (the tests then skip).
+# Exit code 77 when PostgreSQL is not installed here (the tests then skip);
+# --shared then writes no FILE and ends with 0, and each test program finds
+# out for itself.
 # Run as root, the server runs as the system user "postgres" (it refuses to
 # run as root).
 set -euo pipefail
 
+if [ "${1:-}" = "--stop-shared" ]; then
+  file=${2:?usage: start-postgres.sh --stop-shared FILE}
+  [ -s "$file" ] || exit 0
+  read -r _ dir <"$file"
+  rm -f "$file"
+  bash "$0" --stop "$dir"
+  rm -rf "$(dirname "$dir")"
+  exit 0
+fi
+
 bin=$(ls -d /usr/lib/postgresql/*/bin 2>/dev/null | sort -V | tail -n 1 || true)
 if [ -z "$bin" ] || [ ! -x "$bin/initdb" ] || [ ! -x "$bin/pg_ctl" ]; then
   echo "start-postgres.sh: PostgreSQL is not installed (Debian package postgresql)" >&2
+  [ "${1:-}" = "--shared" ] && exit 0
   exit 77
+fi
+
+if [ "${1:-}" = "--shared" ]; then
+  file=${2:?usage: start-postgres.sh --shared FILE}
+  rm -f "$file"
+  # Outside the build tree: the server's user must reach it.
+  dir=$(mktemp -d /tmp/kvn-postgres-XXXXXX)
+  chmod 755 "$dir"
+  # A port free a moment ago may be taken by the time the server binds it.
+  for try in 1 2 3 4 5; do
+    port=$((20000 + RANDOM % 30000))
+    if bash "$0" "$dir/$try" "$port"; then
+      echo "$port $dir/$try" >"$file"
+      exit 0
+    fi
+    bash "$0" --stop "$dir/$try"
+  done
+  rm -rf "$dir"
+  exit 1
 fi
 
 as_owner() {

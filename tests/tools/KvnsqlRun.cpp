@@ -10,9 +10,7 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
-#include "support/HeartBeatSender.h"
 #include "support/TestUtil.h"
 
 namespace kvnsqltest {
@@ -28,77 +26,25 @@ std::string Quoted(const std::string& text) {
     return out + "'";
 }
 
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 int StatusOf(int waitStatus) {
     if (WIFEXITED(waitStatus)) return WEXITSTATUS(waitStatus);
     if (WIFSIGNALED(waitStatus)) return 128 + WTERMSIG(waitStatus);
     return -1;
 }
 
-PostgresServer* g_postgres = nullptr;
-
-class PostgresEnvironment : public ::testing::Environment {
-public:
-    void TearDown() override {
-        delete g_postgres;
-        g_postgres = nullptr;
-    }
-};
-
-const ::testing::Environment* const g_environment = ::testing::AddGlobalTestEnvironment(new PostgresEnvironment);
-
 }  // namespace
-
-PostgresServer& SharedPostgres() {
-    if (g_postgres == nullptr) g_postgres = new PostgresServer;
-    return *g_postgres;
-}
-
-bool WaitForLog(RunningService& service, const std::string& text, int timeoutMs) {
-    const auto start = kvntest::Clock::now();
-    while (service.Log().find(text) == std::string::npos) {
-        if (kvntest::MsSince(start) > timeoutMs) {
-            ADD_FAILURE() << "the service did not log '" << text << "'";
-            return false;
-        }
-        // The log is a file: nothing to wait on but time.
-        usleep(20000);
-    }
-    return true;
-}
-
-std::unique_ptr<RunningService> StartService(int blockRows, const std::string& odbc,
-                                             const std::vector<std::string>& more) {
-    // The clients count the link as lost after 20 silent periods of 250 ms:
-    // only patience with a busy machine.
-    std::vector<std::string> args = {"--block-rows", std::to_string(blockRows), "--hb-address", "127.0.0.1",
-                                     "--hb-port", std::to_string(FreeUdpPort()), "--hb-period", "250",
-                                     "--hb-count", "20"};
-    if (!odbc.empty()) args.insert(args.end(), {"--odbc", odbc});
-    args.insert(args.end(), more.begin(), more.end());
-    return std::make_unique<RunningService>(args);
-}
 
 Outcome RunKvnsql(unsigned short port, const std::vector<std::string>& args, const std::string& stdinText) {
     TempDir dir;
-    {
-        std::ofstream in(dir.File("in"));
-        in << stdinText;
-    }
+    std::ofstream(dir.File("in")) << stdinText;
     std::string command = Quoted(KVNSQL_PATH) + " --port " + std::to_string(port);
     for (const std::string& a : args) command += " " + Quoted(a);
     command += " <" + Quoted(dir.File("in")) + " >" + Quoted(dir.File("out")) + " 2>" + Quoted(dir.File("err"));
     Outcome run;
     const int status = std::system(command.c_str());
     run.status = StatusOf(status);
-    run.out = ReadAll(dir.File("out"));
-    run.err = ReadAll(dir.File("err"));
+    run.out = ReadFile(dir.File("out"));
+    run.err = ReadFile(dir.File("err"));
     return run;
 }
 

@@ -13,20 +13,6 @@
 
 namespace kvnsqltest {
 
-// korvaned on a SQLite file (or the connection string given), with a
-// heartbeat the clients really receive, a select's blocks of blockRows, and
-// more arguments.
-std::unique_ptr<RunningService> StartService(int blockRows, const std::string& odbc = std::string(),
-                                             const std::vector<std::string>& more = {});
-
-// A PostgreSQL server shared by the tests of the program (started on first
-// use, stopped at the end); its skipReason says why there is none.
-PostgresServer& SharedPostgres();
-
-// Waits up to timeoutMs until the service's log holds text (a request it
-// received, with --log-level 2).
-bool WaitForLog(RunningService& service, const std::string& text, int timeoutMs = 10000);
-
 struct Outcome {
     int status = -1;  // the exit status; 128 + n when signal n ended it
     std::string out;

@@ -16,7 +16,7 @@ namespace {
 class KvnsqlScript : public ::testing::Test {
 protected:
     void SetUp() override {
-        service = kvnsqltest::StartService(3);
+        service = std::make_unique<RunningService>(ServiceArguments(3));
         ASSERT_NE(0, service->Port());
         port = service->Port();
         const Outcome made = RunKvnsql(port, {"-q", "-c",
@@ -127,11 +127,11 @@ TEST(KvnsqlErrors, EnglishUnlessVerboseAsksForTheLibrarysSentence) {
 }
 
 TEST(KvnsqlPostgres, StatementsThatReturnRowsShowThemWhateverTheirFirstWord) {
-    PostgresServer& postgres = kvnsqltest::SharedPostgres();
+    PostgresServer& postgres = SharedPostgres();
     if (!postgres.skipReason.empty()) GTEST_SKIP() << postgres.skipReason;
-    auto service = kvnsqltest::StartService(2, postgres.connection);
-    ASSERT_NE(0, service->Port());
-    const Outcome run = RunKvnsql(service->Port(), {"-f", "-"},
+    RunningService service(ServiceArguments(2, {"--odbc", postgres.connection}));
+    ASSERT_NE(0, service.Port());
+    const Outcome run = RunKvnsql(service.Port(), {"-f", "-"},
                               "drop table if exists kq_fruit;\n"
                               "create table kq_fruit (id integer, name varchar(20));\n"
                               "insert into kq_fruit values (1, 'pear') returning *;\n"

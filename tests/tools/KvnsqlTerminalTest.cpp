@@ -21,7 +21,7 @@ protected:
     void SetUp() override {
         // A row a block: a long result takes many exchanges to arrive; every
         // message logged, so that the test sees them come.
-        service = kvnsqltest::StartService(1, std::string(), {"--log-level", "3"});
+        service = std::make_unique<RunningService>(ServiceArguments(1, {"--log-level", "3"}));
         ASSERT_NE(0, service->Port());
     }
 
@@ -84,7 +84,7 @@ TEST_F(KvnsqlTerminal, CtrlCClearsTheLineAndStopsALongSelect) {
     // released, and the prompt works again.
     t.Type("with recursive c(x) as (select 1 union all select x + 1 from c where x < 20000) "
            "select x from c;\r");
-    ASSERT_TRUE(kvnsqltest::WaitForLog(*service, "message 106 "));
+    ASSERT_TRUE(WaitForText(service->File("korvaned.log"), "message 106 "));
     t.Type(kCtrlC);
     ASSERT_TRUE(t.Expect("cancelled after "));
     ASSERT_TRUE(t.Expect("kvnsql> "));
@@ -93,15 +93,15 @@ TEST_F(KvnsqlTerminal, CtrlCClearsTheLineAndStopsALongSelect) {
 }
 
 TEST(KvnsqlTerminalPostgres, CtrlCWhileTheServiceRunsWaitsForItsAnswerAndASecondOneEnds) {
-    PostgresServer& postgres = kvnsqltest::SharedPostgres();
+    PostgresServer& postgres = SharedPostgres();
     if (!postgres.skipReason.empty()) GTEST_SKIP() << postgres.skipReason;
-    auto service = kvnsqltest::StartService(50, postgres.connection);
+    auto service = std::make_unique<RunningService>(ServiceArguments(50, {"--odbc", postgres.connection}));
     ASSERT_NE(0, service->Port());
     TempDir home;
     Terminal t(service->Port(), home.File(""));
     ASSERT_TRUE(t.Expect("kvnsql> "));
     t.Type("select pg_sleep(1), 'slept' as done;\r");
-    ASSERT_TRUE(kvnsqltest::WaitForLog(*service, "as done"));
+    ASSERT_TRUE(WaitForText(service->File("korvaned.log"), "as done"));
     t.Type(kCtrlC);
     ASSERT_TRUE(t.Expect("the service cannot stop a statement; it finishes it"));
     ASSERT_TRUE(t.Expect("cancelled: the statement ran, its rows are not shown"));
@@ -109,7 +109,7 @@ TEST(KvnsqlTerminalPostgres, CtrlCWhileTheServiceRunsWaitsForItsAnswerAndASecond
     ASSERT_TRUE(t.Expect(" seven\r\n-------\r\n     7\r\n"));
 
     t.Type("select pg_sleep(3);\r");
-    ASSERT_TRUE(kvnsqltest::WaitForLog(*service, "pg_sleep(3)"));
+    ASSERT_TRUE(WaitForText(service->File("korvaned.log"), "pg_sleep(3)"));
     t.Type(kCtrlC);
     ASSERT_TRUE(t.Expect("it finishes it"));
     t.Type(kCtrlC);
