@@ -1,7 +1,7 @@
 // The library's operations against korvaned on a SQLite file: statements
 // with their row counts, selects of many blocks, every column reader, NULLs,
 // bound values, direct requests, schema questions, the database's own error
-// text, the test request and connections in parallel.
+// text, the test request, connections in parallel, and texts of every length.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -41,7 +41,7 @@ protected:
 
 }  // namespace
 
-TEST_F(E2eSqlite, SessionConnexionsAndASecondSessionAfterFree) {
+TEST_F(E2eSqlite, SessionConnexionsTheTestRequestAndASecondSessionAfterFree) {
     EXPECT_EQ(3, dbType) << "the database type the service announces";
     EXPECT_EQ(3, client.GetDBType());
     EXPECT_TRUE(client.IsAppliConnected());
@@ -54,6 +54,11 @@ TEST_F(E2eSqlite, SessionConnexionsAndASecondSessionAfterFree) {
     EXPECT_EQ((std::vector<long>{3}), SelectIds(L"SELECT COUNT(*) FROM rows", nullptr, second)) << "same file";
     EXPECT_EQ(KVN_NO_ERROR, client.FreeConnexion(second));
 
+    EXPECT_EQ(KVN_NO_ERROR, client.SendTest(hCnx));
+    // Its answer is stored like any other; the next request must not take it for its own.
+    EXPECT_TRUE(client.WaitForAnswer(hCnx, 10000)) << "the service answers the test request";
+    EXPECT_EQ(1, MustExecute(L"INSERT INTO rows VALUES (4, 'after the test')"));
+
     // A new session on the same service after Free: the data are still there.
     client.Free();
     EXPECT_FALSE(client.IsAppliConnected());
@@ -61,10 +66,29 @@ TEST_F(E2eSqlite, SessionConnexionsAndASecondSessionAfterFree) {
                                         nullptr));
     hCnx = client.GetConnexion();
     ASSERT_GT(hCnx, 0);
-    EXPECT_EQ((std::vector<long>{1, 2, 3}), SelectIds(L"SELECT id FROM rows ORDER BY id"));
+    EXPECT_EQ((std::vector<long>{1, 2, 3, 4}), SelectIds(L"SELECT id FROM rows ORDER BY id"));
 }
 
-TEST_F(E2eSqlite, ExecuteGivesTheRowsAffectedAndRequeteItsStatus) {
+TEST_F(E2eSqlite, StatementsGiveTheRowsAffectedTheirStatusOrTheDatabasesText) {
+    EXPECT_EQ("", ErrorText()) << "no error yet";
+    int resultat = -1;
+    EXPECT_EQ(KVN_ERROR_ODBC, client.Execute(hCnx, L"SELEC 1 FROM nowhere", resultat));
+    EXPECT_EQ(0, resultat);
+    EXPECT_NE(std::string::npos, ErrorText().find("syntax error")) << ErrorText();
+    DStr english;
+    EXPECT_EQ(KVN_NO_ERROR, client.GetErrorTxt(KVN_ERROR_ODBC, english));
+    EXPECT_FALSE(english.IsEmpty());
+    // A second connection keeps its own text.
+    const int second = client.GetConnexion();
+    ASSERT_GT(second, 0);
+    EXPECT_EQ("", ErrorText(second));
+    EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteSelect(hCnx, L"SELECT missing FROM nowhere", resultat));
+    EXPECT_EQ(0, resultat);
+    EXPECT_NE(std::string::npos, ErrorText().find("nowhere")) << ErrorText();
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx)) << "a refused select has no rows";
+    EXPECT_EQ(kNoData, Read(1, 'l'));
+
+    // The connection goes on working.
     MakeRows(10);
     EXPECT_EQ(4, MustExecute(L"UPDATE rows SET name = 'low' WHERE id <= 4"));
     EXPECT_EQ(0, MustExecute(L"DELETE FROM rows WHERE id > 100"));
@@ -76,18 +100,19 @@ TEST_F(E2eSqlite, ExecuteGivesTheRowsAffectedAndRequeteItsStatus) {
 
 TEST_F(E2eSqlite, SelectDeliversEveryRowAcrossManyBlocks) {
     MakeRows(50);
+    // Rows asked for explicitly come after those already buffered, every row
+    // once and in order across the blocks.
     int resultat = -1;
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, L"SELECT id, name FROM rows ORDER BY id", resultat));
+    CString byName(L"SELECT id, name FROM rows WHERE id <= 20 ORDER BY id");
+    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, byName, resultat));
     EXPECT_EQ(2, resultat) << "the service gives the number of columns beside the rows";
-    int expected = 1;
-    int f = 0;
-    while ((f = client.Fetch(hCnx)) == KVN_NO_ERROR && expected <= 60) {
-        ASSERT_EQ(std::to_wstring(expected), Read(1, 'l'));
-        ASSERT_EQ(L"row" + std::to_wstring(expected), Read(2, 'x'));
-        ++expected;
+    ASSERT_EQ(KVN_NO_ERROR, client.GetLine(hCnx, 2));
+    for (long want = 1; want <= 20; ++want) {
+        ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx)) << "row " << want;
+        ASSERT_EQ(std::to_wstring(want), Read(1, 'l'));
+        ASSERT_EQ(L"row" + std::to_wstring(want), Read(2, 'x'));
     }
-    EXPECT_EQ(KVN_NO_DATA, f);
-    EXPECT_EQ(51, expected) << "every row once, in order";
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
     EXPECT_EQ(kNoData, Read(1, 'l')) << "no row is current after the end";
     EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx)) << "asking again finds nothing more";
     EXPECT_EQ(KVN_NO_ERROR, client.LibereStatment(hCnx));
@@ -98,16 +123,6 @@ TEST_F(E2eSqlite, SelectDeliversEveryRowAcrossManyBlocks) {
     EXPECT_EQ(std::to_wstring(50 - kBlockRows - 2), Read(1, 'l'));
     EXPECT_EQ(KVN_NO_ERROR, client.LibereStatment(hCnx));
     EXPECT_EQ((std::vector<long>{50}), SelectIds(L"SELECT COUNT(*) FROM rows"));
-
-    // Rows asked for explicitly come after those already buffered.
-    CString byName(L"SELECT id FROM rows WHERE id <= 20 ORDER BY id");
-    ASSERT_EQ(KVN_NO_ERROR, client.ExecuteSelect(hCnx, byName, resultat));
-    ASSERT_EQ(KVN_NO_ERROR, client.GetLine(hCnx, 2));
-    for (long want = 1; want <= 20; ++want) {
-        ASSERT_EQ(KVN_NO_ERROR, client.Fetch(hCnx)) << "row " << want;
-        ASSERT_EQ(std::to_wstring(want), Read(1, 'l'));
-    }
-    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
 
     // An empty result is a success whose first Fetch finds no row.
     int end = 0;
@@ -262,38 +277,6 @@ TEST_F(E2eSqlite, SchemaQuestionsUseTheDatabaseCatalog) {
     EXPECT_STREQ(L"kept", names.GetString());
 }
 
-TEST_F(E2eSqlite, FailingStatementLeavesTheDatabaseText) {
-    EXPECT_EQ("", ErrorText()) << "no error yet";
-    int resultat = -1;
-    EXPECT_EQ(KVN_ERROR_ODBC, client.Execute(hCnx, L"SELEC 1 FROM nowhere", resultat));
-    EXPECT_EQ(0, resultat);
-    EXPECT_NE(std::string::npos, ErrorText().find("syntax error")) << ErrorText();
-    DStr english;
-    EXPECT_EQ(KVN_NO_ERROR, client.GetErrorTxt(KVN_ERROR_ODBC, english));
-    EXPECT_FALSE(english.IsEmpty());
-
-    // A second connection keeps its own text.
-    const int second = client.GetConnexion();
-    ASSERT_GT(second, 0);
-    EXPECT_EQ("", ErrorText(second));
-
-    EXPECT_EQ(KVN_ERROR_ODBC, client.ExecuteSelect(hCnx, L"SELECT missing FROM nowhere", resultat));
-    EXPECT_EQ(0, resultat);
-    EXPECT_NE(std::string::npos, ErrorText().find("nowhere")) << ErrorText();
-    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx)) << "a refused select has no rows";
-    EXPECT_EQ(kNoData, Read(1, 'l'));
-    EXPECT_EQ(0, MustExecute(L"CREATE TABLE later (a INTEGER)")) << "the connection goes on working";
-}
-
-TEST_F(E2eSqlite, SendTestGoesOutAndTheConnectionStaysUsable) {
-    EXPECT_EQ(KVN_NO_ERROR, client.SendTest(hCnx));
-    // Its answer is stored like any other; the next request must not take it for its own.
-    EXPECT_TRUE(client.WaitForAnswer(hCnx, 10000)) << "the service answers the test request";
-    EXPECT_TRUE(service->Running());
-    MustExecute(L"CREATE TABLE after_test (a INTEGER)");
-    EXPECT_EQ(1, MustExecute(L"INSERT INTO after_test VALUES (1)"));
-}
-
 TEST_F(E2eSqlite, ConnexionsOfOneSessionWorkInParallelEachWithItsOwnSelect) {
     MustExecute(L"CREATE TABLE parallel (worker INTEGER, n INTEGER)");
     constexpr int kWorkers = 4, kEach = 15;
@@ -351,7 +334,8 @@ TEST_F(E2eSqlite, RepeatedStatementsStayRightThroughFailuresSchemaChangesAndMany
 // Rows come from the database a rowset at a time into buffers sized by the
 // columns' declared widths, which SQLite does not enforce: texts far longer
 // than their column come whole (up to what a message holds), NULLs stay
-// NULLs, and a statement run between two blocks leaves the select alone.
+// NULLs, a statement run between two blocks leaves the select alone, and a
+// row too large for a message has its texts cut.
 TEST_F(E2eSqlite, TextsLongerThanTheirColumnComeWholeAcrossRowsetsAndBlocks) {
     MustExecute(L"CREATE TABLE texts (id INTEGER, t VARCHAR(10), n INTEGER)");
     // Every 97th text 600 characters, the 300th 70000 (cut at 32767 on the
@@ -380,5 +364,19 @@ TEST_F(E2eSqlite, TextsLongerThanTheirColumnComeWholeAcrossRowsetsAndBlocks) {
             ASSERT_EQ(KVN_NO_ERROR, client.GetLine(hCnx, 3));
         }
     }
+    EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
+
+    // Five texts of 120000 characters, far beyond the 256000 bytes of a
+    // message: cut so that their row fits in one.
+    SelectOne(L"SELECT hex(zeroblob(60000)), hex(zeroblob(60000)), hex(zeroblob(60000)), hex(zeroblob(60000)), "
+              L"hex(zeroblob(60000))");
+    std::size_t characters = 0;
+    for (int c = 1; c <= 5; ++c) {
+        const std::wstring text = Read(c, 'x');
+        EXPECT_FALSE(text.empty());
+        EXPECT_EQ(std::wstring::npos, text.find_first_not_of(L'0')) << "column " << c;
+        characters += text.size();
+    }
+    EXPECT_LE(characters * 2, 256000u);
     EXPECT_EQ(KVN_NO_DATA, client.Fetch(hCnx));
 }

@@ -47,7 +47,7 @@ TEST_F(ServiceOperation, OnlyTheAllowedNetworksMayOpenALinkAndRefusalsAreLogged)
     RunningService one({"--allow", "127.0.0.1/32"});
     ASSERT_NE(0, one.Port());
     EXPECT_TRUE(ClosedWithoutAnswer(one.Port(), "127.0.0.2"));
-    EXPECT_TRUE(WaitForText(one.File("korvaned.log"), "link from 127.0.0.2 refused", 5000)) << one.Log();
+    EXPECT_TRUE(WaitForText(one.File("korvaned.log"), "link from 127.0.0.2 refused", 5000));
     EXPECT_EQ(0, ApplicationLink(one.Port()).result) << "127.0.0.1 still gets in";
 
     RunningService wide({"--listen", "0.0.0.0"});
@@ -60,10 +60,8 @@ TEST_F(ServiceOperation, OnlyTheAllowedNetworksMayOpenALinkAndRefusalsAreLogged)
 TEST_F(ServiceOperation, SigtermAndSigintCloseEveryLinkLogTheCountsAndExitWithZero) {
     RunningService service({"--log-level", "1"});
     ASSERT_NE(0, service.Port());
-    ApplicationLink app(service.Port());
-    ASSERT_EQ(0, app.result);
-    ConnexionLink cnx(service.Port(), app.IdApplication(), 1);
-    ASSERT_EQ(0, cnx.result);
+    OpenConnexion open(service.Port());
+    ASSERT_EQ(0, open.cnx.result);
     service.Signal("TERM");
     EXPECT_EQ(0, service.WaitForExit(15000));
     const std::string log = service.Log();
@@ -72,7 +70,7 @@ TEST_F(ServiceOperation, SigtermAndSigintCloseEveryLinkLogTheCountsAndExitWithZe
     EXPECT_TRUE(Contains(log, "stopped: 2 links closed")) << log;
     // Both links were closed by the service: their ends read the close.
     char byte;
-    for (SOCKET s : {app.socket.Get(), cnx.socket.Get()}) {
+    for (SOCKET s : {open.app.socket.Get(), open.cnx.socket.Get()}) {
         EXPECT_EQ(1, KvnWaitReadable(s, 2000));
         EXPECT_EQ(0, KvnRecv(s, &byte, 1));
     }
@@ -128,16 +126,15 @@ TEST_F(ServiceOperation, ReadOnlyServesReadsAndTheDatabaseRefusesWrites) {
     {
         RunningService writer({"--database", db});
         ASSERT_NE(0, writer.Port());
-        ApplicationLink app(writer.Port());
-        ConnexionLink cnx(writer.Port(), app.IdApplication(), 1);
-        ASSERT_TRUE(cnx.Execute(L"CREATE TABLE item (n INTEGER)"));
-        ASSERT_TRUE(cnx.Execute(L"INSERT INTO item VALUES (42)"));
-        EXPECT_EQ(0, LongAt(cnx.answer, 0));
+        OpenConnexion open(writer.Port());
+        ASSERT_TRUE(open.cnx.Execute(L"CREATE TABLE item (n INTEGER)"));
+        ASSERT_TRUE(open.cnx.Execute(L"INSERT INTO item VALUES (42)"));
+        EXPECT_EQ(0, LongAt(open.cnx.answer, 0));
     }
     RunningService reader({"--database", db, "--read-only"});
     ASSERT_NE(0, reader.Port());
-    ApplicationLink app(reader.Port());
-    ConnexionLink cnx(reader.Port(), app.IdApplication(), 1);
+    OpenConnexion open(reader.Port());
+    ConnexionLink& cnx = open.cnx;
     ASSERT_TRUE(cnx.Select(L"SELECT n FROM item"));
     EXPECT_EQ(0, LongAt(cnx.answer, 0));
     EXPECT_EQ(42, LongAt(cnx.answer, 6));
@@ -161,8 +158,8 @@ TEST_F(ServiceOperation, TheStatisticsPageCountsLinksRequestsErrorsAndLatency) {
     const unsigned short statsPort = FreeTcpPort();
     RunningService service({"--stats-port", std::to_string(statsPort)});
     ASSERT_NE(0, service.Port());
-    ApplicationLink app(service.Port());
-    ConnexionLink cnx(service.Port(), app.IdApplication(), 1);
+    OpenConnexion open(service.Port());
+    ConnexionLink& cnx = open.cnx;
     ASSERT_TRUE(cnx.Execute(L"CREATE TABLE t (a INTEGER)"));
     ASSERT_TRUE(cnx.Execute(L"INSERT INTO nowhere VALUES (1)"));
     ASSERT_TRUE(cnx.Select(L"SELECT a FROM t"));

@@ -46,6 +46,13 @@ struct ConnexionLink {
     bool Select(const wchar_t* sql);
 };
 
+// An application registered on its main link, with its connection 1 open.
+struct OpenConnexion {
+    explicit OpenConnexion(unsigned short port) : app(port), cnx(port, app.IdApplication(), 1) {}
+    ApplicationLink app;
+    ConnexionLink cnx;
+};
+
 // Values of a message: the test fails when the value is missing or of another type.
 int LongAt(CMsgSocket& m, int i);
 std::wstring TextAt(CMsgSocket& m, int i);

@@ -140,12 +140,12 @@ TEST(KvnsqlPostgres, StatementsThatReturnRowsShowThemWhateverTheirFirstWord) {
                               "select a.*, b.name from kq_fruit a join kq_fruit b on b.id = a.id where a.id = 3;\n"
                               "select * from kq_fruit where id < 0;\n"
                               "delete from kq_fruit where id > 2;\n"
-                              "create or replace procedure kq_tax(in price numeric, inout total numeric) as $$\n"
-                              "begin total := price * 1.2; end $$ language plpgsql;\n"
-                              "\\call kq_tax(in:double:100, inout:double:0)\n"
+                              "create or replace procedure kq_tax(in price numeric, inout total numeric, out note text)\n"
+                              "as $$ begin total := total + price * 0.2; note := 'taxed'; end $$ language plpgsql;\n"
+                              "\\call public.kq_tax(in:double:100, inout:double:1, out:text)\n"
                               "create or replace function kq_twice(n integer) returns integer\n"
                               "  as $$ select n * 2 $$ language sql;\n"
-                              "\\call kq_twice(in:long:21, out:long)\n");
+                              "\\call KQ_TWICE(in:long:21, out:long)\n");
     EXPECT_EQ(0, run.status) << run.err;
     EXPECT_EQ("OK\n"
               "OK, 0 rows affected\n"
@@ -157,12 +157,13 @@ TEST(KvnsqlPostgres, StatementsThatReturnRowsShowThemWhateverTheirFirstWord) {
               "OK, 1 row affected\n"
               "OK, 0 rows affected\n"
               " parameter | direction | type   | value\n-----------+-----------+--------+-------\n"
-              "         2 | inout     | double | 120\n"
-              "OK, kq_tax called\n"
+              "         2 | inout     | double | 21\n"
+              "         3 | out       | text   | taxed\n"
+              "OK, public.kq_tax called\n"
               "OK, 0 rows affected\n"
               " parameter | direction | type | value\n-----------+-----------+------+-------\n"
               "         2 | out       | long | 42\n"
-              "OK, kq_twice called\n",
+              "OK, KQ_TWICE called\n",
               run.out);
     EXPECT_NE(std::string::npos, run.err.find("(0 rows)")) << run.err;
 }
