@@ -26,6 +26,7 @@ CConnexionKorvane::CConnexionKorvane()
       hEvtResultArrived(INVALID_HANDLE_VALUE),
       m_hEvtReveil(INVALID_HANDLE_VALUE),
       m_hThreadSockClient(nullptr),
+      m_hEvtSocket(nullptr),
       m_pMsgAEnvoyer(nullptr),
       m_bMsgSended(FALSE),
       m_nEnvois(0),

@@ -51,6 +51,10 @@ public:
     // (marked down by a loss, or the main link back while it is down)
     HANDLE m_hEvtReveil;
     HANDLE m_hThreadSockClient;
+    // The socket event of the connection's thread, which a caller borrows to
+    // exchange its request itself; guarded by m_mutexEnvoi, null once the
+    // thread has ended.
+    HANDLE m_hEvtSocket;
     CMsgSocketClient* m_pMsgAEnvoyer; // lent by the caller; guarded by m_mutexEnvoi
     std::atomic<BOOL> m_bMsgSended;
     // The acknowledged sends so far, and the tick count of the last one
@@ -66,7 +70,9 @@ public:
     int m_nNbParamProc;
     CParamProc m_tabParamProc[KVN_NB_PARAM_PROC_MAX];
     CMutex mutexUseCnx;         // one database operation at a time
-    CMutex m_mutexEnvoi;        // guards m_pMsgAEnvoyer and its send
+    // Guards m_pMsgAEnvoyer, the socket and its event: held by whoever sends,
+    // receives on, closes or replaces the socket.
+    CMutex m_mutexEnvoi;
 
 private:
     std::atomic<int> m_nRefs;

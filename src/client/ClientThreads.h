@@ -16,7 +16,9 @@ unsigned ThreadHeartBeat(void* arg);
 // arg: a heap-allocated CParamThreadCnx that the thread frees.
 unsigned ThreadSockClient(void* arg);
 // Sends the request published in cnx->m_pMsgAEnvoyer (under m_mutexEnvoi)
-// and reports the outcome through m_bMsgSended, m_nCodeErreur and msgSended.
+// and reports the outcome through m_bMsgSended, m_nCodeErreur and the count
+// and time of the acknowledged sends; run by the connection's thread, or by
+// a caller that has borrowed the socket.
 void EnvoiRequeteCnx(CConnexionKorvane* cnx);
 
 #endif

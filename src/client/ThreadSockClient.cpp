@@ -1,24 +1,28 @@
-// ThreadSockClient: the one thread that reads from and writes to a logical
-// connection's socket. It sends the requests that callers hand over
-// (EnvoiRequeteCnx), receives the service's answers and gives them to the
-// result dispatch, notices the socket closing, and re-opens the connection
-// with REINIT_CONNEXION, keeping its handle, once the main link is up again.
+// ThreadSockClient: the thread of a logical connection. It owns the
+// connection's socket: it watches it, receives what the service sends
+// unasked and late answers and gives them to the result dispatch, notices the
+// socket closing, and re-opens the connection with REINIT_CONNEXION, keeping
+// its handle, once the main link is up again.
 //
-// The hand-off with a caller (the request frame, src/operations/):
-//  - the caller publishes its request in m_pMsgAEnvoyer under m_mutexEnvoi
-//    and sets m_hEvtEnvoi;
-//  - this thread sends it under m_mutexEnvoi and sets msgSended when the
-//    send was acknowledged (m_nCodeErreur 1); m_bMsgSended tells the caller
-//    whether its own request went out;
-//  - the answer's receiver stores it in the connection and sets
-//    hEvtResultArrived;
-//  - the caller withdraws its request under m_mutexEnvoi before it ends.
+// A request goes out one of two ways (the request frame, src/operations/):
+//  - the caller exchanges it itself: under m_mutexEnvoi it borrows the
+//    socket (KvnLendSocketEvent: this thread is told of nothing on it
+//    meanwhile, and does not wake), sends with EnvoiRequeteCnx, receives and
+//    stores the answer, and gives the socket back;
+//  - where a socket cannot be lent (Windows), it is handed over: the caller
+//    publishes it in m_pMsgAEnvoyer under m_mutexEnvoi and sets m_hEvtEnvoi,
+//    this thread sends it (EnvoiRequeteCnx) and sets msgSended when the send
+//    was acknowledged (m_nCodeErreur 1), the answer's receiver stores it and
+//    sets hEvtResultArrived, and the caller withdraws its request under
+//    m_mutexEnvoi before it ends.
+// m_mutexEnvoi is held by whoever sends, receives on, closes or replaces the
+// socket, so this thread and a caller never meet on it.
 //
 // The thread blocks in one wait over its three events, its wake-up event
 // (set when a loss marks the connection down, and when the main link comes
 // back while it is down) and, while it is up, the socket's event, so a
 // handed-over request is sent as soon as it is published and a change of the
-// main link is seen at once. The thread owns the socket: only it closes it.
+// main link is seen at once.
 #include <ctime>
 #include <cwchar>
 #include <random>
@@ -50,9 +54,13 @@ enum {
     kIdxSocket = 4,
 };
 
+// Under m_mutexEnvoi, held by whoever uses the socket: a request sent from
+// its caller's thread never meets a socket being closed or replaced.
 void CloseCnxSocket(CConnexionKorvane* cnx) {
+    cnx->m_mutexEnvoi.Lock(INFINITE);
     SOCKET s = cnx->m_sock.exchange(INVALID_SOCKET);
     if (KvnIsSocketOpen(s)) KvnCloseSocket(s);
+    cnx->m_mutexEnvoi.Unlock();
 }
 
 }  // namespace
@@ -148,6 +156,10 @@ CThreadSockClient::CThreadSockClient(CKorvaneClient* client, CConnexionKorvane* 
     m_handles[kIdxReveil] = cnx->m_hEvtReveil;
     m_hSockEvt = KvnCreateSocketEvent();
     m_handles[kIdxSocket] = m_hSockEvt;
+    // Lent to a caller that sends its request itself (RequestFrame.cpp).
+    cnx->m_mutexEnvoi.Lock(INFINITE);
+    cnx->m_hEvtSocket = m_hSockEvt;
+    cnx->m_mutexEnvoi.Unlock();
     WriteLogF(3, L"Demarrage de ThreadSockClient pour gerer la connexion = %d)",
               cnx->m_nIdConnexion);
     WideToNarrow(m_szHost, client->m_szAdresseHost);
@@ -164,6 +176,9 @@ CThreadSockClient::CThreadSockClient(CKorvaneClient* client, CConnexionKorvane* 
 }
 
 CThreadSockClient::~CThreadSockClient() {
+    m_pCnx->m_mutexEnvoi.Lock(INFINITE);
+    m_pCnx->m_hEvtSocket = nullptr;
+    m_pCnx->m_mutexEnvoi.Unlock();
     if (m_hSockEvt != nullptr) KvnCloseSocketEvent(m_hSockEvt);
 }
 
@@ -228,7 +243,9 @@ void CThreadSockClient::Run() {
 void CThreadSockClient::TraiteSocket() {
     long events = 0;
     int closeError = 0;
-    if (KvnEnumNetworkEvents(m_pCnx->m_sock, m_hSockEvt, &events, &closeError) != 0) return;
+    // A caller that sends its request itself holds the socket meanwhile.
+    m_pCnx->m_mutexEnvoi.Lock(INFINITE);
+    if (KvnEnumNetworkEvents(m_pCnx->m_sock, m_hSockEvt, &events, &closeError) != 0) events = 0;
     // The set is compared as a whole: a read and a close reported together
     // (never by the POSIX layer) are left to the next pass.
     if (events == FD_READ) {
@@ -239,11 +256,14 @@ void CThreadSockClient::TraiteSocket() {
                   m_pCnx->m_nIdConnexion, closeError);
         CloseCnxSocket(m_pCnx);
         m_pCnx->m_bConnected = 0;
+    }
+    m_pCnx->m_mutexEnvoi.Unlock();
+    if (events == FD_CLOSE) {
         KvnSetEvent(m_pClient->m_hEvtCommModified);
         m_pClient->m_DecConnected();
         // Lets the service finish with the old socket before the re-opening.
         Pause(KVN_PAUSE_AFTER_CLOSE_MS);
-    } else if (events != 0) {
+    } else if (events != 0 && events != FD_READ) {
         KvnSleep(KVN_PAUSE_ODD_EVENTS_MS);
     }
 }
@@ -271,10 +291,13 @@ void CThreadSockClient::Reouvre() {
         g_mutexReconnecte.Unlock();
         return;
     }
+    // The new socket is in use by this thread alone until it is selected.
+    m_pCnx->m_mutexEnvoi.Lock(INFINITE);
     m_pCnx->m_sock = s;
     m_msg.Init(m_pClient->m_nIdApplication, id, s, &m_pClient->m_paramComm);
     if (m_msg.SendReInitConnexion() < 0) {
         CloseCnxSocket(m_pCnx);
+        m_pCnx->m_mutexEnvoi.Unlock();
         g_mutexReconnecte.Unlock();
         return;
     }
@@ -285,6 +308,7 @@ void CThreadSockClient::Reouvre() {
         KvnResetSocketEvent(m_hSockEvt);
         KvnSocketEventSelect(s, m_hSockEvt, FD_READ | FD_CLOSE);
     }
+    m_pCnx->m_mutexEnvoi.Unlock();
     KvnSetEvent(m_pClient->m_hEvtCommModified);
     // Up, and counted, in one step. Under g_mutexReconnecte: the order is
     // g_mutexReconnecte, m_mutexConnected, m_mutexAccesList.
@@ -294,13 +318,16 @@ void CThreadSockClient::Reouvre() {
 
 void CThreadSockClient::Fin() {
     // No message to the service: it sees the socket close.
+    m_pCnx->m_mutexEnvoi.Lock(INFINITE);
     if (KvnIsSocketOpen(m_pCnx->m_sock)) {
         if (m_hSockEvt != nullptr) {
+            m_pCnx->m_hEvtSocket = nullptr;
             KvnCloseSocketEvent(m_hSockEvt);
             m_hSockEvt = nullptr;
         }
         CloseCnxSocket(m_pCnx);
         m_pCnx->m_bConnected = 0;
     }
+    m_pCnx->m_mutexEnvoi.Unlock();
     WriteLogF(3, L"ThreadSockClient; fin du thread de la connexion %d", m_pCnx->m_nIdConnexion);
 }

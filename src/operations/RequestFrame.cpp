@@ -1,16 +1,21 @@
 // The request frame shared by the database operations: the caller's half of
 // the hand-off whose other half is ThreadSockClient (src/client/).
 //
-// Lock order: mutexUseCnx, then m_mutexEnvoi (held only to publish or withdraw
-// the request; the connection's thread holds it while it sends, so withdrawing
-// waits for a send in progress and the request never dies while being sent).
+// Lock order: mutexUseCnx, then m_mutexEnvoi. Whoever holds m_mutexEnvoi has
+// the connection's socket: the caller for the whole of an exchange on its own
+// thread, the connection's thread while it sends a handed-over request,
+// receives, closes or replaces the socket. Withdrawing a handed-over request
+// therefore waits for a send in progress: the request never dies while being
+// sent.
 #include "operations/RequestFrame.h"
 
 #include <cwchar>
 
 #include "diag/Log.h"
 #include "platform/DebugOutput.h"
+#include "client/ClientThreads.h"
 #include "platform/Kernel.h"
+#include "platform/Sockets.h"
 #include "platform/Threads.h"
 
 // How each exchanging operation departs from Execute. Fields: call site,
@@ -180,6 +185,76 @@ void CRequestFrame::LogLine(const wchar_t* suffix, int level) {
     WriteLog(line, level);
 }
 
+// The exchange on the caller's own thread: the connection's thread lends its
+// socket (it is then told of nothing on it, and does not wake), the request
+// is sent as that thread would send it, and the answer is received and
+// stored here. Two wake-ups fewer per request than a hand-over to the
+// connection's thread, with the same bytes on the wire and the same limits.
+// m_mutexEnvoi is held throughout: the thread holds it too whenever it
+// receives on, closes or replaces the socket.
+CRequestFrame::Direct CRequestFrame::ExchangeDirect(CConnexionKorvane* cnx, CMsgSocketClient& msg,
+                                                    unsigned envois, DWORD* w, bool* sent) {
+    // The thread may be receiving something else: the send's limit applies
+    // to the wait for its turn, as to a hand-over not picked up.
+    if (!cnx->m_mutexEnvoi.Lock(m_variant.dwSendWaitMs)) {
+        *w = kWaitTimeOut;
+        return kDone;
+    }
+    HANDLE evt = cnx->m_hEvtSocket;
+    if (evt == nullptr || cnx->m_bConnected != 1 || !KvnLendSocketEvent(evt)) {
+        cnx->m_mutexEnvoi.Unlock();
+        return kNotLent;
+    }
+    cnx->m_pMsgAEnvoyer = &msg;
+    EnvoiRequeteCnx(cnx);
+    *sent = cnx->m_nEnvois != envois;
+    Direct result = kWaitAsBefore;
+    if (!*sent) {
+        // The send step closed the socket: its thread re-opens the connection.
+        KvnSetEvent(cnx->m_hEvtReveil);
+    } else if (m_variant.bNoAnswer) {
+        *w = kWaitFirst;
+        result = kDone;
+    } else {
+        result = ReceiveAnswer(cnx, msg, evt, w);
+    }
+    KvnReturnSocketEvent(evt);
+    cnx->m_mutexEnvoi.Unlock();
+    return result;
+}
+
+// Receives until the answer is stored, the link is lost or the answer's
+// limit runs out. The socket goes back to the connection's thread at once
+// (kWaitAsBefore) when it closes, and when that thread is asked to end (a
+// FreeConnexion past its wait for this request, Free): the thread closes it,
+// the answer will not come, and is waited for as after a hand-over.
+CRequestFrame::Direct CRequestFrame::ReceiveAnswer(CConnexionKorvane* cnx, CMsgSocketClient& msg,
+                                                   HANDLE evt, DWORD* w) {
+    const DWORD answerWaitMs = KvnGetAnswerWaitMs();
+    const HANDLE handles[4] = {evt, m_pClient->m_hEvtPerteCommInterne, cnx->m_hEvtFermeture,
+                               m_pClient->m_hEvtStopThreads};
+    for (;;) {
+        const DWORD since = KvnGetTickCount() - cnx->m_dwTickEnvoi;
+        *w = kWaitTimeOut;
+        if (since >= answerWaitMs) return kDone;
+        const DWORD r = KvnWaitForMultipleObjects(4, handles, answerWaitMs - since);
+        if (r == WAIT_TIMEOUT) continue;
+        if (r == WAIT_OBJECT_0 + 1) *w = kWaitLoss;
+        if (r == WAIT_OBJECT_0 + 2 || r == WAIT_OBJECT_0 + 3) return kWaitAsBefore;
+        if (r != WAIT_OBJECT_0) return kDone;
+        if (KvnPeekNetworkEvents(evt) & FD_CLOSE) return kWaitAsBefore;
+        long events = 0;
+        KvnEnumNetworkEvents(cnx->m_sock, evt, &events, nullptr);
+        // Anything the service sends is taken in as the thread would take it;
+        // the answer is what stores a result.
+        if (events == FD_READ && msg.ReceiveMessage(cnx->m_sock) > 0) msg.AnalyseFonction(cnx);
+        if (KvnWaitForSingleObject(cnx->hEvtResultArrived, 0) == WAIT_OBJECT_0) {
+            *w = kWaitFirst;
+            return kDone;
+        }
+    }
+}
+
 int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
     const KvnFrameVariant& v = m_variant;
     // The request belongs to this call; the connection's thread only borrows
@@ -213,21 +288,30 @@ int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
     if (build(msg, *cnx) != 0) return Finish(KVN_FRAME_BUILD_FAILED, KVN_ERROR_PARAMETER);
 
     const unsigned envois = cnx->m_nEnvois;
-    PublishRequest(cnx, &msg);
-    KvnSetEvent(cnx->m_hEvtEnvoi);
-    DWORD w;
-    bool answerTimedOut = false;
-    if (v.bNoAnswer) {
-        w = KvnWaitForSingleObject(cnx->msgSended, v.dwSendWaitMs) == WAIT_OBJECT_0 ? kWaitFirst
-                                                                                   : kWaitTimeOut;
-        if (w == kWaitFirst && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
-    } else {
-        bool sent = false;
-        w = WaitForAnswer(cnx, envois, m_pClient->m_hEvtPerteCommInterne, v.dwSendWaitMs, &sent);
-        if (sent && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
-        answerTimedOut = sent && w == kWaitTimeOut;
-        if (w == kWaitFirst && v.szArrivedLine != nullptr) WriteLog(v.szArrivedLine, 20);
+    DWORD w = kWaitTimeOut;
+    bool sent = false;
+    const Direct direct = ExchangeDirect(cnx, msg, envois, &w, &sent);
+    if (direct == kNotLent) {
+        PublishRequest(cnx, &msg);
+        KvnSetEvent(cnx->m_hEvtEnvoi);
     }
+    if (direct != kDone) {
+        // The hand-over to the connection's thread, or the end of a direct
+        // exchange that did not get its answer: waited for with the same
+        // limits either way.
+        if (v.bNoAnswer) {
+            w = KvnWaitForSingleObject(cnx->msgSended, v.dwSendWaitMs) == WAIT_OBJECT_0
+                    ? kWaitFirst
+                    : kWaitTimeOut;
+            sent = w == kWaitFirst;
+        } else {
+            w = WaitForAnswer(cnx, envois, m_pClient->m_hEvtPerteCommInterne, v.dwSendWaitMs,
+                              &sent);
+        }
+    }
+    if (sent && v.szSentLine != nullptr) WriteLog(v.szSentLine, 5);
+    const bool answerTimedOut = !v.bNoAnswer && sent && w == kWaitTimeOut;
+    if (!v.bNoAnswer && w == kWaitFirst && v.szArrivedLine != nullptr) WriteLog(v.szArrivedLine, 20);
     // Not picked up (thread stuck or gone): the request must not be sent
     // later by a hand-over meant for the next one.
     KvnResetEvent(cnx->m_hEvtEnvoi);

@@ -2,12 +2,16 @@
 //
 // An operation that exchanges a request with the service runs CRequestFrame:
 // look the connection up, test the link, take the connection's request lock
-// mutexUseCnx, build the request in a message of its own, lend it to the
-// connection's thread (m_pMsgAEnvoyer + m_hEvtEnvoi), wait until it was sent
-// (msgSended) and the answer is stored (hEvtResultArrived) in one sleep, read
-// the answer, withdraw the request and release the lock. The client's
-// m_hEvtPerteCommInterne takes part in the wait, so a loss of the link wakes
-// every request in flight.
+// mutexUseCnx, build the request in a message of its own, send it and get its
+// answer stored, read the answer, and release the lock. The exchange runs on
+// the caller's own thread, with the socket borrowed from the connection's
+// thread (no hand-over, no wake-up of another thread); where a socket cannot
+// be lent, the request is lent to the connection's thread instead
+// (m_pMsgAEnvoyer + m_hEvtEnvoi) and the caller sleeps once until it was sent
+// and its answer stored. The client's m_hEvtPerteCommInterne takes part in
+// every wait for a send or an answer, so a loss of the link wakes every
+// request in flight (one that is sending on its own thread first waits for
+// its acknowledgement, whose limit is the service's nTimeOutAck).
 //
 // The operations differ only in a few points, gathered in a KvnFrameVariant;
 // the variants of all operations are declared below (kFrameExecute, ...), so an
@@ -205,6 +209,13 @@ public:
     static void WithdrawRequest(CConnexionKorvane* cnx);
 
 private:
+    // How far an exchange on the caller's own thread went: done (its outcome
+    // is known), to be finished with the waits of a hand-over, or not tried
+    // (the socket could not be lent: the request is handed over).
+    enum Direct { kDone, kWaitAsBefore, kNotLent };
+    Direct ExchangeDirect(CConnexionKorvane* cnx, CMsgSocketClient& msg, unsigned envois,
+                          DWORD* w, bool* sent);
+    Direct ReceiveAnswer(CConnexionKorvane* cnx, CMsgSocketClient& msg, HANDLE evt, DWORD* w);
     int Finish(KvnFrameOutcome outcome, int result);
     void LogLine(const wchar_t* suffix, int level);
 

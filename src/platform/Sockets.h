@@ -134,4 +134,16 @@ int KvnSocketEventSelect(SOCKET s, WSAEVENT hEvent, long events);
 // (0 for a graceful close).
 int KvnEnumNetworkEvents(SOCKET s, WSAEVENT hEvent, long* events, int* closeError);
 
+// Lending a socket to one thread for a moment: while lent, only the calling
+// thread is told of the socket's network events through hEvent (the other
+// threads waiting on it are not woken by them, nor disturbed); on its return
+// they are again, and one that was recorded meanwhile and not taken wakes
+// them. FALSE when the socket cannot be lent: the Win32 backend, where the
+// system records network events for the socket itself, never lends.
+BOOL KvnLendSocketEvent(WSAEVENT hEvent);
+void KvnReturnSocketEvent(WSAEVENT hEvent);
+// The network events recorded for hEvent's socket (looking at the socket if
+// none is), without taking them.
+long KvnPeekNetworkEvents(WSAEVENT hEvent);
+
 #endif

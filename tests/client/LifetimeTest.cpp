@@ -50,6 +50,38 @@ TEST_F(Lifetime, FreeConnexionWaitsForTheRequestInProgressOnTheConnexion) {
     client.Free();
 }
 
+// The request's answer never comes. Free ends the connection's thread at
+// once (the service sees its socket close), and the request gives up its
+// answer within its own limit, as a request whose connection went away.
+TEST_F(Lifetime, FreeDuringARequestThatWaitsForItsAnswerEndsTheConnexionAtOnce) {
+    probe::ShortAnswerWait shortAnswerWait(3000);
+    auto reading = std::make_shared<std::atomic<bool>>(false);
+    auto closedAfterMs = std::make_shared<std::atomic<long long>>(-1);
+    service_.OnAccept(0, MainLink(SessionAnswer()));
+    service_.OnAccept(1, ConnexionLink([reading, closedAfterMs](Connection& c) {
+        c.Ack(c.Expect(KVN_EXECUTE));
+        *reading = true;  // and never answered
+        const kvntest::Clock::time_point start = kvntest::Clock::now();
+        if (c.ExpectClientClose(10000)) *closedAfterMs = kvntest::MsSince(start);
+    }));
+    probe::Client client;
+    ASSERT_EQ(KVN_NO_ERROR, client.Open(service_.Port()));
+    const int hCnx = client.GetConnexion();
+    ASSERT_GT(hCnx, 0);
+
+    int r = -1, resultat = 0;
+    std::thread request([&] { r = client.Execute(hCnx, L"UPDATE T SET A = 1", resultat); });
+    ASSERT_TRUE(probe::WaitUntil([&] { return reading->load(); }));
+    const kvntest::Clock::time_point start = kvntest::Clock::now();
+    client.Free();
+    EXPECT_LT(kvntest::MsSince(start), 1500) << "Free waited for the request's answer";
+    request.join();
+    EXPECT_EQ(KVN_ERROR_TIMEOUT, r);
+    EXPECT_TRUE(service_.WaitForScripts());
+    EXPECT_GE(closedAfterMs->load(), 0);
+    EXPECT_LT(closedAfterMs->load(), 1500) << "the connection's socket stayed open";
+}
+
 // Its thread is stuck in an exchange that the service never acknowledges when
 // the client is destroyed; the stop waits are cut short. The client must
 // outlive the thread (the address sanitizer sees any use after it).

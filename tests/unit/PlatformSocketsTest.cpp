@@ -240,4 +240,34 @@ TEST_F(PlatformSockets, AnEventStaysWithItsSocketWhenItsNumberGoesToAnotherSocke
 }
 #endif
 
+// A socket lent to one thread tells only that thread what comes, and its
+// return tells the others again.
+TEST_F(PlatformSockets, ALentSocketTellsOnlyItsBorrowerUntilItIsReturned) {
+    Link link;
+    ASSERT_TRUE(link.Up() && link.Select());
+    kvntest::Handle stop(KvnCreateEvent(TRUE, FALSE));
+    std::atomic<DWORD> other{WAIT_TIMEOUT};
+    std::thread owner([&] {
+        const HANDLE handles[] = {stop, link.event};
+        other = KvnWaitForMultipleObjects(2, handles, 5000);
+    });
+    KvnSleep(30);  // the owner waits, watching the socket
+    if (!KvnLendSocketEvent(link.event)) {
+        KvnSetEvent(stop);
+        owner.join();
+        GTEST_SKIP() << "sockets are not lent on this system";
+    }
+    ASSERT_EQ(KvnSend(link.client, "ab", 2), 2);
+    EXPECT_EQ(link.Wait(2000), WAIT_OBJECT_0);
+    EXPECT_EQ(link.Take(), FD_READ);
+    EXPECT_EQ(ReadAvailable(link.server), "ab");
+    KvnSleep(30);
+    EXPECT_EQ(other.load(), WAIT_TIMEOUT) << "the owner was told of what the borrower took";
+
+    KvnReturnSocketEvent(link.event);
+    ASSERT_EQ(KvnSend(link.client, "c", 1), 1);
+    owner.join();
+    EXPECT_EQ(other.load(), WAIT_OBJECT_0 + 1) << "returned, the socket tells its owner again";
+}
+
 }  // namespace

@@ -47,7 +47,16 @@ struct SocketBinding {
     bool notConnected = false; // the last look found no connection: not watched
     bool datagram = false;     // a zero-length datagram is data, not a close
     std::uint32_t generation = 0;         // changes with every (un)binding
-    std::vector<ThreadState*> watchers;   // threads whose epoll set holds fd
+    // The threads whose epoll set holds fd, with the data of their
+    // registration.
+    struct Watcher {
+        ThreadState* thread;
+        std::uint64_t serial;
+    };
+    std::vector<Watcher> watchers;
+    // While lent (KvnLendSocketEvent), only this thread watches the socket:
+    // the others' registrations are taken out, and put back on its return.
+    ThreadState* lentTo = nullptr;
 };
 
 // A kernel object. A HANDLE is its address. Objects are never given back to
@@ -178,14 +187,15 @@ bool SocketEventReady(KernelObject* event);
 // there; generation receives the binding it was put there for.
 bool SocketEventWatch(KernelObject* event, ThreadState& self, std::uint64_t serial,
                       std::uint32_t& generation);
-// The socket the thread watches for this binding may still be watched.
-bool SocketEventStillWatchable(KernelObject* event, std::uint32_t generation);
+// The socket the thread watches for this binding may still be watched by it.
+bool SocketEventStillWatchable(KernelObject* event, ThreadState& self, std::uint32_t generation);
 // Takes the socket out of the thread's epoll set, if the binding is still
 // the one it was put there for.
 void SocketEventUnwatch(KernelObject* event, ThreadState& self, std::uint32_t generation);
 // Takes in what epoll reported for the event's socket; true when that made
 // the event signalled.
-bool SocketEventReport(KernelObject* event, std::uint32_t generation, std::uint32_t epollEvents);
+bool SocketEventReport(KernelObject* event, ThreadState& self, std::uint32_t generation,
+                       std::uint32_t epollEvents);
 // Closing the handle of a socket event: forgets its socket.
 void SocketEventClosed(KernelObject* event);
 

@@ -111,10 +111,10 @@ void Probe(KernelObject* e) {
     }
 }
 
-bool Watchable(const KernelObject* e) {
+bool Watchable(const KernelObject* e, const ThreadState& self) {
     const SocketBinding& b = e->socket;
     return b.fd >= 0 && !b.endSeen && !b.notConnected && b.record == 0 &&
-           e->signalled.load() == 0;
+           e->signalled.load() == 0 && (b.lentTo == nullptr || b.lentTo == &self);
 }
 
 // Forgets the event's socket: out of every watcher's epoll set first, then
@@ -123,8 +123,10 @@ bool Watchable(const KernelObject* e) {
 void Unbind(KernelObject* e) {
     SocketBinding& b = e->socket;
     if (b.fd < 0) return;
-    for (ThreadState* t : b.watchers) epoll_ctl(t->epollFd, EPOLL_CTL_DEL, b.fd, nullptr);
+    for (const SocketBinding::Watcher& w : b.watchers)
+        epoll_ctl(w.thread->epollFd, EPOLL_CTL_DEL, b.fd, nullptr);
     b.watchers.clear();
+    b.lentTo = nullptr;
     auto it = TheBindings().events.find(Identity(b.dev, b.ino));
     if (it != TheBindings().events.end() && it->second == e) TheBindings().events.erase(it);
     close(b.fd);
@@ -157,7 +159,7 @@ bool SocketEventReady(KernelObject* e) {
 bool SocketEventWatch(KernelObject* e, ThreadState& self, std::uint64_t serial,
                       std::uint32_t& generation) {
     std::lock_guard<std::mutex> guard(e->lock);
-    if (!Watchable(e)) return false;
+    if (!Watchable(e, self)) return false;
     epoll_event ev;
     ev.events = EPOLLIN | EPOLLRDHUP;
     ev.data.u64 = serial;
@@ -166,7 +168,7 @@ bool SocketEventWatch(KernelObject* e, ThreadState& self, std::uint64_t serial,
         return false;
     }
     try {
-        e->socket.watchers.push_back(&self);
+        e->socket.watchers.push_back(SocketBinding::Watcher{&self, serial});
     } catch (...) {
         epoll_ctl(self.epollFd, EPOLL_CTL_DEL, e->socket.fd, nullptr);
         return false;
@@ -175,9 +177,9 @@ bool SocketEventWatch(KernelObject* e, ThreadState& self, std::uint64_t serial,
     return true;
 }
 
-bool SocketEventStillWatchable(KernelObject* e, std::uint32_t generation) {
+bool SocketEventStillWatchable(KernelObject* e, ThreadState& self, std::uint32_t generation) {
     std::lock_guard<std::mutex> guard(e->lock);
-    return e->socket.generation == generation && Watchable(e);
+    return e->socket.generation == generation && Watchable(e, self);
 }
 
 void SocketEventUnwatch(KernelObject* e, ThreadState& self, std::uint32_t generation) {
@@ -186,16 +188,17 @@ void SocketEventUnwatch(KernelObject* e, ThreadState& self, std::uint32_t genera
     // An unbinding took it out of every set already.
     if (b.generation != generation || b.fd < 0) return;
     for (size_t i = 0; i < b.watchers.size(); ++i) {
-        if (b.watchers[i] != &self) continue;
+        if (b.watchers[i].thread != &self) continue;
         epoll_ctl(self.epollFd, EPOLL_CTL_DEL, b.fd, nullptr);
         b.watchers.erase(b.watchers.begin() + static_cast<long>(i));
         return;
     }
 }
 
-bool SocketEventReport(KernelObject* e, std::uint32_t generation, std::uint32_t epollEvents) {
+bool SocketEventReport(KernelObject* e, ThreadState& self, std::uint32_t generation,
+                       std::uint32_t epollEvents) {
     std::lock_guard<std::mutex> guard(e->lock);
-    if (e->socket.generation != generation || !Watchable(e)) return false;
+    if (e->socket.generation != generation || !Watchable(e, self)) return false;
     if (epollEvents & (EPOLLERR | EPOLLHUP | EPOLLRDHUP)) {
         // Data may still come before the end: the peek tells.
         Probe(e);
@@ -203,7 +206,9 @@ bool SocketEventReport(KernelObject* e, std::uint32_t generation, std::uint32_t 
         e->socket.record = FD_READ;
         e->signalled.store(1);
     }
-    return e->signalled.load() != 0;
+    // While the socket is lent, the others' waits are not disturbed: the
+    // borrower alone looks at what came.
+    return e->signalled.load() != 0 && e->socket.lentTo != &self;
 }
 
 void SocketEventClosed(KernelObject* e) {
@@ -363,4 +368,57 @@ int KvnEnumNetworkEvents(SOCKET s, WSAEVENT hEvent, long* events, int* closeErro
     if (events) *events = taken;
     if (closeError) *closeError = (taken & FD_CLOSE) ? error : 0;
     return 0;
+}
+
+BOOL KvnLendSocketEvent(WSAEVENT hEvent) {
+    KernelObject* e = SocketEventOf(hEvent);
+    if (!e) return FALSE;
+    ThreadState& self = CurrentThread();
+    std::lock_guard<std::mutex> guard(e->lock);
+    SocketBinding& b = e->socket;
+    if (b.fd < 0 || (b.lentTo != nullptr && b.lentTo != &self)) return FALSE;
+    b.lentTo = &self;
+    // Out of the other threads' epoll sets, without waking them: they keep
+    // their registration as it was and get it back with the socket.
+    for (const SocketBinding::Watcher& w : b.watchers)
+        if (w.thread != &self) epoll_ctl(w.thread->epollFd, EPOLL_CTL_DEL, b.fd, nullptr);
+    return TRUE;
+}
+
+void KvnReturnSocketEvent(WSAEVENT hEvent) {
+    KernelObject* e = SocketEventOf(hEvent);
+    if (!e) return;
+    ThreadState& self = CurrentThread();
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> guard(e->lock);
+        SocketBinding& b = e->socket;
+        if (b.lentTo != &self) return;
+        b.lentTo = nullptr;
+        for (const SocketBinding::Watcher& w : b.watchers) {
+            if (w.thread == &self) continue;
+            epoll_event ev;
+            ev.events = EPOLLIN | EPOLLRDHUP;
+            ev.data.u64 = w.serial;
+            epoll_ctl(w.thread->epollFd, EPOLL_CTL_ADD, b.fd, &ev);
+        }
+        // Something the borrower left recorded (a close) is told to the
+        // others, and so is the socket's return to a thread that looked at
+        // its wait meanwhile (and so watches the socket no more).
+        wake = e->signalled.load() != 0;
+        for (WaitLink* l = e->waiters; l && !wake; l = l->next) {
+            bool watching = l->thread == &self;
+            for (const SocketBinding::Watcher& w : b.watchers) watching = watching || w.thread == l->thread;
+            wake = !watching;
+        }
+    }
+    if (wake) WakeWaiters(e);
+}
+
+long KvnPeekNetworkEvents(WSAEVENT hEvent) {
+    KernelObject* e = SocketEventOf(hEvent);
+    if (!e) return 0;
+    std::lock_guard<std::mutex> guard(e->lock);
+    Probe(e);
+    return e->socket.record;
 }

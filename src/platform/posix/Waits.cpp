@@ -102,7 +102,7 @@ bool WatchSockets(KernelObject* const* objects, DWORD count, ThreadState& self) 
     for (int w = 0; w < self.nWatches;) {
         Watch& watch = self.watches[w];
         if (InWait(watch.event, objects, count) &&
-            SocketEventStillWatchable(watch.event, watch.generation)) {
+            SocketEventStillWatchable(watch.event, self, watch.generation)) {
             ++w;
             continue;
         }
@@ -140,7 +140,7 @@ void Reported(const epoll_event* events, int n, ThreadState& self) {
             Watch& watch = self.watches[w];
             if (watch.serial != events[e].data.u64) continue;
             // Other threads may wait on the same event.
-            if (SocketEventReport(watch.event, watch.generation, events[e].events)) {
+            if (SocketEventReport(watch.event, self, watch.generation, events[e].events)) {
                 WakeWaiters(watch.event);
             }
             break;

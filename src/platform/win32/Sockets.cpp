@@ -248,3 +248,11 @@ int KvnEnumNetworkEvents(SOCKET s, WSAEVENT hEvent, long* events, int* closeErro
         *closeError = (recorded.lNetworkEvents & FD_CLOSE) ? recorded.iErrorCode[FD_CLOSE_BIT] : 0;
     return 0;
 }
+
+// The system records network events for the socket itself and signals every
+// event selected for it: a socket cannot be lent to one thread.
+BOOL KvnLendSocketEvent(WSAEVENT) { return FALSE; }
+
+void KvnReturnSocketEvent(WSAEVENT) {}
+
+long KvnPeekNetworkEvents(WSAEVENT) { return 0; }
