@@ -116,6 +116,36 @@ TEST_F(Session, InitTakesTheServiceParametersOverAndASecondInitClosesTheFirstSes
     EXPECT_EQ(43, secondLink[1].IdApplication());
 }
 
+// The first session's main thread is re-opening its link (it reads the host,
+// the port and the name on every attempt) when Init opens another session
+// elsewhere: nothing of the first session reaches the second service, and
+// the thread read none of the new values (the thread sanitizer sees a read
+// that is not ordered before Init's writes).
+TEST_F(Session, ASecondInitLeavesTheFirstSessionsReopeningThreadItsOwnArguments) {
+    peer::ScriptedPeer first, second;
+    first.OnAccept(0, MainLink(SessionAnswer(), [](Connection& c) { c.Close(); }));
+    // Every re-opening is turned away at once: the thread tries again.
+    first.OnEveryAccept([](Connection& c) { c.Close(); });
+    second.OnAccept(0, MainLink(SessionAnswer()));
+    second.OnEveryAccept([](Connection& c) {
+        ADD_FAILURE() << "the first session's thread reached the second service";
+        c.Close();
+    });
+    Client client;
+    ASSERT_EQ(KVN_NO_ERROR, client.Open(first.Port(), nullptr, L"Premiere"));
+    ASSERT_TRUE(probe::WaitUntil([&] { return first.Accepted() >= 2; }, 10000))
+        << "no re-opening";
+
+    ASSERT_EQ(KVN_NO_ERROR, client.Open(second.Port(), nullptr, L"Seconde"));
+    KvnSleep(200);
+    client.Free();
+    second.WaitForScripts();
+    EXPECT_EQ(1, second.Accepted());
+    const std::vector<Message> received = second.Received(0);
+    ASSERT_FALSE(received.empty());
+    EXPECT_EQ(L"Seconde", received[0].Param(1).AsWide());
+}
+
 TEST_F(Session, RefusedOrMalformedRegistrationFailsAndOnlyLevel3KeepsTheReason) {
     peer::ScriptedPeer service;
     service.OnEveryAccept(&probe::RefuseApplication);
