@@ -51,6 +51,7 @@ public:
     // The lock under which the link's state changes (and the main socket is
     // closed by its thread).
     CMutex& StateLock() { return m_mutexConnected; }
+    CMutex& ListLock() { return m_mutexAccesList; }
     // What a loss of the main link, then its return, do to the connections,
     // without the main link's own thread.
     void SetMainLink(bool up) {
