@@ -117,7 +117,7 @@ i686-w64-mingw32-g++-posix -std=c++17 -Wall -Wextra -Werror -DUNICODE -D_UNICODE
 echo "   link check: OK"
 
 # The examples written for both systems build for Windows from the same source.
-for example in event_loop; do
+for example in event_loop follow_link; do
   i686-w64-mingw32-g++-posix -std=c++17 -Wall -Wextra -Werror -DUNICODE -D_UNICODE \
     -I"$root/include" -I"$root/src/platform/public" "$root/examples/$example.cpp" "$implib" \
     -static-libgcc -static-libstdc++ -o "$linkcheck/$example.exe" ||
