@@ -18,14 +18,17 @@
 
 namespace {
 
-// A link from the given local address: true when the service closed it
-// without a byte (the access list refused it), false when it stayed open.
+// A link from the given local address that sends a header the service
+// refuses: true when the service closed it without a byte (the access list
+// refused it), false when it answered.
 bool ClosedWithoutAnswer(unsigned short port, const char* from) {
     SOCKET s = KvnTcpSocket();
     EXPECT_EQ(0, KvnBind(s, KvnInetAddr(from), 0));
     EXPECT_EQ(0, KvnConnect(s, KvnLoopbackAddress(), port));
+    const std::vector<unsigned char> refused = Header(1, 3, 0, 0);
+    SockSend(s, reinterpret_cast<const char*>(refused.data()), static_cast<int>(refused.size()), 1000);
     char byte;
-    const bool closed = KvnWaitReadable(s, 2000) == 1 && KvnRecv(s, &byte, 1) <= 0;
+    const bool closed = KvnWaitReadable(s, 5000) == 1 && KvnRecv(s, &byte, 1) <= 0;
     KvnCloseSocket(s);
     return closed;
 }

@@ -4,7 +4,6 @@
 // end-to-end tests.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -19,19 +18,6 @@ void SendRaw(unsigned short port, const std::vector<unsigned char>& bytes) {
     ClientSocket s(port);
     ASSERT_TRUE(s.Valid());
     SockSend(s.Get(), reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()), 2000);
-}
-
-std::vector<unsigned char> Header(int app, int fonction, int count, unsigned size) {
-    CEnteteMsgSocket h;
-    h.nIdApplication = app;
-    h.nIdConnexion = 1;
-    h.nFonction = static_cast<signed char>(fonction);
-    h.nNbParam = count;
-    h.nTailleData = size;
-    h.bUnicode = 1;
-    std::vector<unsigned char> bytes(sizeof(h));
-    std::memcpy(bytes.data(), &h, sizeof(h));
-    return bytes;
 }
 
 }  // namespace

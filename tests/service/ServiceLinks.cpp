@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "platform/Threads.h"
 #include "support/TestUtil.h"
 
@@ -45,6 +47,19 @@ bool ConnexionLink::Exchange() {
     const bool received = ReceiveAnswer(socket.Get(), answer);
     EXPECT_TRUE(received) << "no answer to request " << request.GetFonction();
     return received;
+}
+
+std::vector<unsigned char> Header(int idApplication, int fonction, int count, unsigned size) {
+    CEnteteMsgSocket h;
+    h.nIdApplication = idApplication;
+    h.nIdConnexion = 1;
+    h.nFonction = static_cast<signed char>(fonction);
+    h.nNbParam = count;
+    h.nTailleData = size;
+    h.bUnicode = 1;
+    std::vector<unsigned char> bytes(sizeof(h));
+    std::memcpy(bytes.data(), &h, sizeof(h));
+    return bytes;
 }
 
 namespace {

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <korvane/CMsgSocketClient.h>
 
@@ -52,6 +53,9 @@ struct OpenConnexion {
     ApplicationLink app;
     ConnexionLink cnx;
 };
+
+// The bytes of a message header of connection 1, Unicode.
+std::vector<unsigned char> Header(int idApplication, int fonction, int count, unsigned size);
 
 // Values of a message: the test fails when the value is missing or of another type.
 int LongAt(CMsgSocket& m, int i);
