@@ -1,7 +1,8 @@
 // The library against korvaned on PostgreSQL: stored procedures whose IN,
 // IN/OUT and OUT values of each type come back into the application's
 // variables, and selects and schema questions on another database than
-// SQLite. Procedures (CALL) beside functions are run by kvnsql's tests. The tests skip where PostgreSQL or its ODBC driver is not installed.
+// SQLite; procedures (CALL) beside functions are run by kvnsql's tests. The
+// tests skip where PostgreSQL or its ODBC driver is not installed.
 #include <gtest/gtest.h>
 
 #include <cstdint>

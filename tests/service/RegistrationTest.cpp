@@ -14,7 +14,7 @@
 #include "platform/Sockets.h"
 #include "support/TestUtil.h"
 
-TEST(ServiceRegistration, AnswersWithTheTenParametersOfItsConfiguration) {
+TEST(ServiceRegistration, AnswersWithTheTenParametersOfItsConfigurationAndOpensConnexionsForItsApplications) {
     RunningService service({"--hb-period", "1500", "--hb-count", "4", "--hb-port", "47001", "--hb-address",
                             "127.0.0.2", "--retry", "3", "--connect-timeout", "2500", "--ack-timeout", "1200",
                             "--db-type", "7"});
@@ -27,33 +27,22 @@ TEST(ServiceRegistration, AnswersWithTheTenParametersOfItsConfiguration) {
               std::make_tuple(+c.nPeriodeHB, +c.nNbPeriodeHB, +c.nPortHB, +c.bMulticastHB, +c.nNbRetrySend,
                               +c.nTimeOutConnect, +c.nTimeOutAck, app.message.GetDBType()));
     EXPECT_STREQ(L"127.0.0.2", c.szAdresseHB);
-    ApplicationLink other(service.Port(), L"");
-    ASSERT_EQ(0, other.result);
-    EXPECT_NE(app.IdApplication(), other.IdApplication()) << "each application gets an id of its own";
 
-    RunningService multicast({"--hb-mode", "multicast", "--hb-address", "239.255.12.34"});
-    ASSERT_NE(0, multicast.Port());
-    ApplicationLink member(multicast.Port());
-    ASSERT_EQ(0, member.result);
-    EXPECT_EQ(1, member.comm.bMulticastHB);
-    EXPECT_STREQ(L"239.255.12.34", member.comm.szAdresseHB);
-}
-
-TEST(ServiceConnexions, OpenForARegisteredApplicationOnlyAndCarryTheDatabaseRequests) {
-    RunningService service;
-    ASSERT_NE(0, service.Port());
+    // Logical connections open for a registered application only, and carry
+    // the database requests.
     int id = 0;
     {
-        ApplicationLink app(service.Port());
-        ASSERT_EQ(0, app.result);
-        id = app.IdApplication();
+        ApplicationLink other(service.Port(), L"");
+        ASSERT_EQ(0, other.result);
+        id = other.IdApplication();
+        EXPECT_NE(app.IdApplication(), id) << "each application gets an id of its own";
         // A database request on the main link is answered with an error.
         CMsgSocketClient request;
-        request.Init(id, 0, app.socket.Get(), &app.comm);
+        request.Init(id, 0, other.socket.Get(), &other.comm);
         ASSERT_EQ(0, request.CreateExec(L"SELECT 1"));
-        ASSERT_EQ(1, request.SendMessageW(app.socket.Get(), -1, -1));
+        ASSERT_EQ(1, request.SendMessageW(other.socket.Get(), -1, -1));
         CMsgSocket answer;
-        ASSERT_TRUE(ReceiveAnswer(app.socket.Get(), answer));
+        ASSERT_TRUE(ReceiveAnswer(other.socket.Get(), answer));
         EXPECT_EQ(KVN_EXECUTE, answer.GetFonction());
         EXPECT_EQ(KVN_ERROR_UNKNOWN, LongAt(answer, 0));
         EXPECT_EQ(KVN_ERROR_HANDLE_CNX, LongAt(answer, 1));
@@ -70,6 +59,13 @@ TEST(ServiceConnexions, OpenForARegisteredApplicationOnlyAndCarryTheDatabaseRequ
     EXPECT_EQ(0, ConnexionLink(service.Port(), id, 2).result);
     EXPECT_EQ(0, ConnexionLink(service.Port(), id, 1, true).result) << "attached again after a loss";
     EXPECT_NE(0, ConnexionLink(service.Port(), id + 1000, 1).result) << "an unknown application";
+
+    RunningService multicast({"--hb-mode", "multicast", "--hb-address", "239.255.12.34"});
+    ASSERT_NE(0, multicast.Port());
+    ApplicationLink member(multicast.Port());
+    ASSERT_EQ(0, member.result);
+    EXPECT_EQ(1, member.comm.bMulticastHB);
+    EXPECT_STREQ(L"239.255.12.34", member.comm.szAdresseHB);
 }
 
 TEST(ServiceLimits, RefusesTheApplicationBeyondTheLimitWithMinus54UntilAPlaceIsFree) {
