@@ -7,15 +7,6 @@
 #include "platform/Kernel.h"
 #include "platform/Sockets.h"
 
-namespace {
-
-void CloseHandleIfOpen(HANDLE& h) {
-    if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
-    h = nullptr;
-}
-
-}  // namespace
-
 CConnexionKorvane::CConnexionKorvane()
     : m_sock(INVALID_SOCKET),
       m_bConnected(FALSE),
@@ -54,10 +45,10 @@ void CConnexionKorvane::Release() {
     // reference), so whatever it left open is closed here.
     SOCKET sock = m_sock.exchange(INVALID_SOCKET);
     if (KvnIsSocketOpen(sock)) KvnCloseSocket(sock);
-    CloseHandleIfOpen(m_hEvtFermeture);
-    CloseHandleIfOpen(hEvtResultArrived);
-    CloseHandleIfOpen(m_hEvtEnvoi);
-    CloseHandleIfOpen(msgSended);
-    CloseHandleIfOpen(m_hEvtReveil);
+    KvnCloseHandleIfOpen(m_hEvtFermeture);
+    KvnCloseHandleIfOpen(hEvtResultArrived);
+    KvnCloseHandleIfOpen(m_hEvtEnvoi);
+    KvnCloseHandleIfOpen(msgSended);
+    KvnCloseHandleIfOpen(m_hEvtReveil);
     delete this;
 }

@@ -47,11 +47,6 @@ const DWORD kFreeAfterCloseMs = 20;
 const DWORD kHeartBeatStopMs = 30000;
 const DWORD kSockPrincipaleStopMs = 40000;
 
-void CloseHandleIfOpen(HANDLE& h) {
-    if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
-    h = nullptr;
-}
-
 // Copies at most room - 1 characters of src (null reads as empty) and
 // terminates: a longer host or application name is cut, not refused.
 void CopyCut(wchar_t* dst, size_t room, const wchar_t* src) {
@@ -124,18 +119,18 @@ CKorvaneClient::CKorvaneClient()
 CKorvaneClient::~CKorvaneClient() {
     Free();
     m_AttendThreadsRestants();
-    CloseHandleIfOpen(m_hEvtStopThreads);
-    CloseHandleIfOpen(m_hEvtStopSockPrincipale);
-    CloseHandleIfOpen(m_hEvtPerteComm);
-    CloseHandleIfOpen(m_hEvtCommOK);
-    CloseHandleIfOpen(m_hEvtCommModified);
-    CloseHandleIfOpen(m_hEvtHB);
-    CloseHandleIfOpen(m_hEvtWarningFermetureForcee);
-    CloseHandleIfOpen(m_hEvtFermetureForcee);
-    CloseHandleIfOpen(m_hEvtKorvaneClosed);
-    CloseHandleIfOpen(m_hEvtThreadCnxStarted);
-    CloseHandleIfOpen(m_hEvtPerteCommInterne);
-    CloseHandleIfOpen(m_hEvtLienPrincipalDown);
+    KvnCloseHandleIfOpen(m_hEvtStopThreads);
+    KvnCloseHandleIfOpen(m_hEvtStopSockPrincipale);
+    KvnCloseHandleIfOpen(m_hEvtPerteComm);
+    KvnCloseHandleIfOpen(m_hEvtCommOK);
+    KvnCloseHandleIfOpen(m_hEvtCommModified);
+    KvnCloseHandleIfOpen(m_hEvtHB);
+    KvnCloseHandleIfOpen(m_hEvtWarningFermetureForcee);
+    KvnCloseHandleIfOpen(m_hEvtFermetureForcee);
+    KvnCloseHandleIfOpen(m_hEvtKorvaneClosed);
+    KvnCloseHandleIfOpen(m_hEvtThreadCnxStarted);
+    KvnCloseHandleIfOpen(m_hEvtPerteCommInterne);
+    KvnCloseHandleIfOpen(m_hEvtLienPrincipalDown);
     if (KvnIsHandleOpen(m_hWsaEvtPrincipale)) KvnCloseSocketEvent(m_hWsaEvtPrincipale);
     m_hWsaEvtPrincipale = nullptr;
     FreeLog();
@@ -306,7 +301,7 @@ void CKorvaneClient::m_CloseThreads() {
         m_GardeThread(heartBeat);
         heartBeat = nullptr;
     }
-    CloseHandleIfOpen(heartBeat);
+    KvnCloseHandleIfOpen(heartBeat);
 
     for (int i = 0; i < m_listConnexion.GetSize(); ++i) {
         m_DetruitConnexion(static_cast<CConnexionKorvane*>(m_listConnexion.GetAt(i)),
@@ -334,7 +329,7 @@ void CKorvaneClient::m_CloseThreads() {
         m_GardeThread(heartBeat);
         heartBeat = nullptr;
     }
-    CloseHandleIfOpen(heartBeat);
+    KvnCloseHandleIfOpen(heartBeat);
 
     // A later Init can start threads again; a thread that outlived its wait
     // still has to see them (Init resets them once it has ended).
@@ -345,7 +340,7 @@ void CKorvaneClient::m_CloseThreads() {
     }
     m_mutexThreadsRestants.Unlock();
 
-    CloseHandleIfOpen(m_hThreadSockPrincipale);
+    KvnCloseHandleIfOpen(m_hThreadSockPrincipale);
 
     m_mutexAccesList.Unlock();
 

@@ -49,6 +49,11 @@ BOOL KvnReleaseMutex(HANDLE hMutex);
 
 // Closes any handle of this layer (event, mutex, thread, socket event).
 BOOL KvnCloseHandle(HANDLE h);
+// Closes h if it is open, and leaves it null either way.
+inline void KvnCloseHandleIfOpen(HANDLE& h) {
+    if (KvnIsHandleOpen(h)) KvnCloseHandle(h);
+    h = nullptr;
+}
 
 // WAIT_OBJECT_0, WAIT_ABANDONED, WAIT_TIMEOUT or WAIT_FAILED.
 DWORD KvnWaitForSingleObject(HANDLE h, DWORD timeoutMs);
