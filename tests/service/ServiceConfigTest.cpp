@@ -13,7 +13,7 @@
 #include "Options.h"
 #include "ReadOnly.h"
 #include "RunningService.h"
-#include "Text.h"
+#include "Utf8.h"
 #include "Values.h"
 #include "platform/Sockets.h"
 
@@ -153,19 +153,6 @@ TEST(ServiceReadOnly, EachKindOfDataSourceIsMadeReadOnlyByTheDatabaseOrRefused) 
     EXPECT_FALSE(ReadOnlyOdbcConnection("DRIVER=/usr/lib/odbc/psqlodbcw.so;", &how).empty());
     EXPECT_EQ("", ReadOnlyOdbcConnection("DSN=sales", &how)) << "a data source the service cannot judge";
     EXPECT_NE(std::string::npos, how.find("may only read"));
-}
-
-TEST(ServiceText, Utf8RoundTripAndInvalidBytes) {
-    const std::wstring text = L"caf\u00e9 \u20ac \U0001F600";
-    EXPECT_EQ("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", ToUtf8(text.c_str()));
-    EXPECT_EQ(text, FromUtf8(ToUtf8(text.c_str())));
-    EXPECT_EQ("", ToUtf8(nullptr));
-    // A cut sequence, a stray continuation byte, an overlong form, a surrogate.
-    EXPECT_EQ(L"a\uFFFD", FromUtf8("a\xe2\x82"));
-    EXPECT_EQ(L"\uFFFDb", FromUtf8("\x80" "b"));
-    EXPECT_EQ(L"\uFFFD/", FromUtf8("\xc0\xaf/"));
-    EXPECT_EQ(L"\uFFFD", FromUtf8("\xed\xa0\x80"));
-    EXPECT_EQ(L"\uFFFDz", FromUtf8("\xf0\x9f" "z"));
 }
 
 // The rows of a select are encoded by the service itself; the bytes must be

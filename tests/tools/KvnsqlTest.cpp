@@ -107,25 +107,37 @@ TEST(KvnsqlOptions, RefusesWhatTheLibraryWouldCutOrCannotUse) {
     EXPECT_EQ(OptionsResult::Run, Parse({"-H", nineteen.c_str()}, o, error)) << error;
 }
 
-TEST(KvnsqlUtf8, RoundTripsEveryLengthAndReplacesMalformedBytes) {
+TEST(ToolsUtf8, RoundTripsEveryLengthAndReplacesEachIllFormedPartOnce) {
     const std::string utf8 = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";  // a é € 😀 z
-    const std::wstring wide = Utf8ToWide(utf8);
+    const std::wstring wide = FromUtf8(utf8);
     if (sizeof(wchar_t) == 4) {
         EXPECT_EQ((std::wstring{L'a', 0xE9, 0x20AC, static_cast<wchar_t>(0x1F600), L'z'}), wide);
     } else {
         EXPECT_EQ(6u, wide.size());  // the emoji as a surrogate pair
     }
-    EXPECT_EQ(utf8, WideToUtf8(wide));
-    EXPECT_EQ("", WideToUtf8(static_cast<const wchar_t*>(nullptr)));
+    EXPECT_EQ(utf8, ToUtf8(wide));
+    EXPECT_EQ(utf8, ToUtf8(wide.c_str()));
+    EXPECT_EQ("", ToUtf8(static_cast<const wchar_t*>(nullptr)));
+    // Text decoded from the wire may hold a pair where wchar_t is 32 bits.
+    EXPECT_EQ("\xF0\x9F\x98\x80", ToUtf8(std::wstring{static_cast<wchar_t>(0xD83D), static_cast<wchar_t>(0xDE00)}));
 
     const wchar_t r = 0xFFFD;
-    EXPECT_EQ((std::wstring{L'a', r, L'b'}), Utf8ToWide("a\xFF" "b"));        // not a lead byte
-    EXPECT_EQ((std::wstring{L'a', r, r}), Utf8ToWide("a\xE2\x82"));           // cut at the end
-    EXPECT_EQ((std::wstring{r, r}), Utf8ToWide("\xC0\xAF"));                  // overlong '/'
-    EXPECT_EQ((std::wstring{r, r, r}), Utf8ToWide("\xED\xA0\x80"));           // a surrogate
-    EXPECT_EQ((std::wstring{r, r, r, r}), Utf8ToWide("\xF4\x90\x80\x80"));    // beyond U+10FFFF
+    const struct {
+        const char* bytes;
+        std::wstring text;
+    } bad[] = {
+        {"a\xFF" "b", {L'a', r, L'b'}},             // not a lead byte
+        {"\x80" "b", {r, L'b'}},                    // a continuation alone
+        {"a\xE2\x82", {L'a', r}},                   // cut at the end: one
+        {"\xF0\x9F" "z", {r, L'z'}},                // cut before a character that stays
+        {"\xC0\xAF/", {r, r, L'/'}},                 // overlong '/': C0 is never a lead
+        {"\xE0\x80\xAF", {r, r, r}},                 // overlong, refused at its second byte
+        {"\xED\xA0\x80", {r, r, r}},                 // a surrogate
+        {"\xF4\x90\x80\x80", {r, r, r, r}},          // beyond U+10FFFF
+    };
+    for (const auto& c : bad) EXPECT_EQ(c.text, FromUtf8(c.bytes)) << c.bytes;
     // A wide text with a lone surrogate still gives valid UTF-8.
-    EXPECT_EQ("\xEF\xBF\xBD", WideToUtf8(std::wstring(1, static_cast<wchar_t>(0xD800))));
+    EXPECT_EQ("\xEF\xBF\xBD", ToUtf8(std::wstring(1, static_cast<wchar_t>(0xD800))));
 }
 
 TEST(KvnsqlCall, EveryDirectionWithTypedAndInferredValues) {

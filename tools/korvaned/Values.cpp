@@ -7,7 +7,7 @@
 #include <limits>
 #include <new>
 
-#include "Text.h"
+#include "Utf8.h"
 #include "protocol/ValueTypes.h"
 #include "protocol/WireHeader.h"
 #include "protocol/WireText.h"
@@ -238,7 +238,7 @@ void WireRows::Text(const char* utf8, std::size_t bytes) {
     }
     // Anything else as AddText and the encoder take it: to wide characters,
     // up to the first NUL, at most kMaxTextUnits code units.
-    const std::wstring wide = FromUtf8(std::string(utf8, bytes));
+    const std::wstring wide = FromUtf8(utf8, bytes);
     std::size_t units = 0;
     WireFitUnits(wide.c_str(), WireTextLength(wide.c_str(), wide.size()), kMaxTextUnits, &units);
     WireWriteUtf16(wide.c_str(), units, Head(SQL_C_CHAR, units, 2 * units));

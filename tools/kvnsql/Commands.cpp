@@ -71,7 +71,7 @@ bool KvnsqlSession::RunCommand(const std::wstring& command) {
         return true;
     }
     if (name == L"help" || name == L"h" || name == L"?") {
-        Print(Utf8ToWide(CommandsHelp()));
+        Print(FromUtf8(CommandsHelp()));
         return true;
     }
     if (name == L"r" || name == L"reset") {

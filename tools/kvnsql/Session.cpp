@@ -93,7 +93,7 @@ bool KvnsqlSession::Run(const InputItem& item) {
 }
 
 void KvnsqlSession::Print(const std::wstring& text) {
-    const std::string bytes = WideToUtf8(text);
+    const std::string bytes = ToUtf8(text);
     std::fwrite(bytes.data(), 1, bytes.size(), out_);
 }
 
@@ -104,7 +104,7 @@ void KvnsqlSession::Show(const std::wstring& text) {
         TerminalSize(out_, rows, columns) &&
         (Lines(text, widest) >= static_cast<std::size_t>(rows) || widest > static_cast<std::size_t>(columns))) {
         std::fflush(out_);
-        if (ShowInPager(WideToUtf8(text), settings_.pagerCommand)) return;
+        if (ShowInPager(ToUtf8(text), settings_.pagerCommand)) return;
     }
     Print(text);
 }
@@ -115,7 +115,7 @@ void KvnsqlSession::Status(const std::wstring& text) {
 
 void KvnsqlSession::Note(const std::wstring& text) {
     std::fflush(out_);
-    const std::string bytes = WideToUtf8(text + L"\n");
+    const std::string bytes = ToUtf8(text + L"\n");
     std::fwrite(bytes.data(), 1, bytes.size(), err_);
     std::fflush(err_);
 }
@@ -129,7 +129,7 @@ void KvnsqlSession::ShowTiming(double milliseconds) {
 
 void KvnsqlSession::ReportUsage(const std::wstring& text) {
     std::wstring where;
-    if (!settings_.source.empty()) where = Utf8ToWide(settings_.source) + L":" + std::to_wstring(line_) + L": ";
+    if (!settings_.source.empty()) where = FromUtf8(settings_.source) + L":" + std::to_wstring(line_) + L": ";
     Note(where + text);
 }
 

@@ -30,7 +30,7 @@ void PrintError(const std::string& text) {
 std::string ErrorText(CKorvaneClient& client, int code) {
     DStr text;
     client.GetErrorTxt(code, text);
-    return WideToUtf8(text.GetString());
+    return ToUtf8(text.GetString());
 }
 
 // Runs one item; kStopped when it failed and the input is to stop there.
@@ -53,7 +53,7 @@ int RunLines(KvnsqlSession& session, LineReader& reader, bool interactive) {
             continue;
         }
         if (read == LineReader::Result::End) break;
-        for (const InputItem& item : splitter.AddLine(Utf8ToWide(line))) {
+        for (const InputItem& item : splitter.AddLine(FromUtf8(line))) {
             if (RunItem(session, item, interactive, ok) == kStopped) return kStopped;
             if (session.QuitRequested()) return ok ? kOk : kFailed;
         }
@@ -72,7 +72,7 @@ int RunLines(KvnsqlSession& session, LineReader& reader, bool interactive) {
 int RunCommands(KvnsqlSession& session, const std::vector<std::string>& commands) {
     bool ok = true;
     for (const std::string& text : commands) {
-        for (const InputItem& item : SplitText(Utf8ToWide(text))) {
+        for (const InputItem& item : SplitText(FromUtf8(text))) {
             if (RunItem(session, item, false, ok) == kStopped) return kStopped;
             if (session.QuitRequested()) return ok ? kOk : kFailed;
         }
@@ -84,9 +84,9 @@ SessionSettings SettingsOf(const KvnsqlOptions& options, std::FILE* out) {
     SessionSettings s;
     s.style.format = options.format;
     s.style.tuplesOnly = options.tuplesOnly;
-    s.style.fieldSeparator = Utf8ToWide(options.fieldSeparator);
+    s.style.fieldSeparator = FromUtf8(options.fieldSeparator);
     s.style.nullText = options.format == OutputFormat::Csv && !options.nullGiven ? std::wstring()
-                                                                                 : Utf8ToWide(options.nullText);
+                                                                                 : FromUtf8(options.nullText);
     s.echo = options.echo;
     s.quiet = options.quiet;
     s.stopOnError = options.stopOnError;
@@ -144,9 +144,9 @@ int main(int argc, char** argv) {
     int status = kOk;
     {
         CKorvaneClient client;
-        const std::wstring host = Utf8ToWide(options.host);
-        const std::wstring application = Utf8ToWide(options.application);
-        const std::wstring logFile = Utf8ToWide(options.logFile);
+        const std::wstring host = FromUtf8(options.host);
+        const std::wstring application = FromUtf8(options.application);
+        const std::wstring logFile = FromUtf8(options.logFile);
         const std::string where = options.host + ":" + std::to_string(options.port);
         int dbType = 0;
         int hCnx = 0;
@@ -160,7 +160,7 @@ int main(int argc, char** argv) {
         }
         // The library says why in French only: the English text of its code
         // (a service not found is the usual reason), the sentence on request.
-        const std::string sentence = WideToUtf8(client.GetLastError().GetString());
+        const std::string sentence = ToUtf8(client.GetLastError().GetString());
         const std::string detail = options.verbose && !sentence.empty() ? "\n  " + sentence : std::string();
         if (rc != KVN_NO_ERROR) {
             const bool notFound = sentence.compare(0, 29, "Impossible de trouver Korvane") == 0;
