@@ -254,9 +254,16 @@ void CKorvaneClient::m_FreeSession(HWND hWndNotice) {
     const SOCKET sock = m_sockPrincipale;
     const bool open = KvnIsSocketOpen(sock);
     if (open) {
+        // The acknowledgement is this exchange's: where the socket can be
+        // lent, ThreadSockPrincipale is not woken by it, and never waits for
+        // a message whose bytes were read here. (Its event is made by Init
+        // and is only replaced once the thread has ended.)
+        HANDLE evt = m_hWsaEvtPrincipale;
+        const bool lent = evt != nullptr && KvnLendSocketEvent(evt);
         CMsgSocketClient msg;
         msg.Init(m_nIdApplication, 0, sock, &m_paramComm);
         msg.SendCloseApplication();
+        if (lent) KvnReturnSocketEvent(evt);
     }
     m_mutexConnected.Unlock();
     if (open) {
