@@ -9,6 +9,10 @@
 #include <thread>
 #include <vector>
 
+#if !defined(_WIN32)
+#include <time.h>
+#endif
+
 #include "UnitUtil.h"
 #include "platform/Kernel.h"
 #include "platform/Sockets.h"
@@ -240,34 +244,64 @@ TEST_F(PlatformSockets, AnEventStaysWithItsSocketWhenItsNumberGoesToAnotherSocke
 }
 #endif
 
-// A socket lent to one thread tells only that thread what comes, and its
-// return tells the others again.
+// A socket lent to one thread tells only that thread what comes, even a reset
+// (which epoll reports to every registration); the borrower's wait still
+// wakes for its other handles, and sleeps again rather than spin. The return
+// tells the others again, with what the borrower left recorded.
 TEST_F(PlatformSockets, ALentSocketTellsOnlyItsBorrowerUntilItIsReturned) {
     Link link;
     ASSERT_TRUE(link.Up() && link.Select());
     kvntest::Handle stop(KvnCreateEvent(TRUE, FALSE));
-    std::atomic<DWORD> other{WAIT_TIMEOUT};
-    std::thread owner([&] {
+    std::atomic<DWORD> owner{WAIT_FAILED};
+    std::thread ownerThread([&] {
         const HANDLE handles[] = {stop, link.event};
-        other = KvnWaitForMultipleObjects(2, handles, 5000);
+        owner = KvnWaitForMultipleObjects(2, handles, 5000);
     });
     KvnSleep(30);  // the owner waits, watching the socket
     if (!KvnLendSocketEvent(link.event)) {
         KvnSetEvent(stop);
-        owner.join();
+        ownerThread.join();
         GTEST_SKIP() << "sockets are not lent on this system";
     }
     ASSERT_EQ(KvnSend(link.client, "ab", 2), 2);
     EXPECT_EQ(link.Wait(2000), WAIT_OBJECT_0);
     EXPECT_EQ(link.Take(), FD_READ);
     EXPECT_EQ(ReadAvailable(link.server), "ab");
+
+    kvntest::Handle other(KvnCreateEvent(FALSE, FALSE));
+    const HANDLE handles[] = {link.event, other};
+    std::thread setter([&] {
+        KvnSleep(30);
+        KvnSetEvent(other);
+    });
+    EXPECT_EQ(KvnWaitForMultipleObjects(2, handles, 2000), WAIT_OBJECT_0 + 1);
+    setter.join();
+#if !defined(_WIN32)
+    timespec before, after;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+#endif
+    EXPECT_EQ(KvnWaitForMultipleObjects(2, handles, 100), kTimeout);
+#if !defined(_WIN32)
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+    const double cpuMs = (after.tv_sec - before.tv_sec) * 1e3 + (after.tv_nsec - before.tv_nsec) / 1e6;
+    EXPECT_LT(cpuMs, 20.0) << "the wait spun instead of sleeping";
+#endif
+
+    // Closing with unread data resets the connection.
+    ASSERT_EQ(KvnSend(link.server, "unread", 6), 6);
+    ASSERT_EQ(KvnWaitReadable(link.client, 2000), 1);
+    Close(link.client);
+    EXPECT_EQ(KvnWaitForMultipleObjects(2, handles, 2000), WAIT_OBJECT_0);
+    EXPECT_EQ(KvnPeekNetworkEvents(link.event), FD_CLOSE);
     KvnSleep(30);
-    EXPECT_EQ(other.load(), WAIT_TIMEOUT) << "the owner was told of what the borrower took";
+    EXPECT_EQ(owner.load(), WAIT_FAILED) << "the owner was told of what came for the borrower";
 
     KvnReturnSocketEvent(link.event);
-    ASSERT_EQ(KvnSend(link.client, "c", 1), 1);
-    owner.join();
-    EXPECT_EQ(other.load(), WAIT_OBJECT_0 + 1) << "returned, the socket tells its owner again";
+    ownerThread.join();
+    EXPECT_EQ(owner.load(), WAIT_OBJECT_0 + 1) << "returned, the socket tells its owner again";
+    int error = -1;
+    EXPECT_EQ(link.Take(&error), FD_CLOSE);
+    EXPECT_TRUE(error == WSAECONNRESET || error == WSAECONNABORTED) << error;
 }
 
 }  // namespace

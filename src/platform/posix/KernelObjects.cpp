@@ -198,6 +198,7 @@ void Unreference(KernelObject* o) {
     o->abandoned.store(false);
     o->heldPrev = o->heldNext = nullptr;
     o->socket = SocketBinding();
+    o->lentTo.store(nullptr);
     const int fd = o->pollFd.exchange(-1);
     if (fd >= 0) close(fd);
     o->pollFdReadable = false;

@@ -54,9 +54,6 @@ struct SocketBinding {
         std::uint64_t serial;
     };
     std::vector<Watcher> watchers;
-    // While lent (KvnLendSocketEvent), only this thread watches the socket:
-    // the others' registrations are taken out, and put back on its return.
-    ThreadState* lentTo = nullptr;
 };
 
 // A kernel object. A HANDLE is its address. Objects are never given back to
@@ -91,6 +88,11 @@ struct KernelObject {
     KernelObject* heldNext = nullptr;
 
     SocketBinding socket;
+    // While a socket event is lent (KvnLendSocketEvent), only this thread
+    // watches its socket and sees it signalled: the others' registrations are
+    // disarmed, and armed again on its return. Written under lock; read
+    // without it by the waits' looks.
+    std::atomic<ThreadState*> lentTo{nullptr};
 
     // Events whose application asked for a descriptor (KvnGetEventFd): an
     // eventfd that is readable while the event is set; -1 for the others.
@@ -137,10 +139,11 @@ const int kMaxWatches = 64;
 struct ThreadState {
     // kRunning, kParked (asleep in a wait), kNotified (woken).
     std::atomic<int> wake{0};
-    // How the thread sleeps while parked: kParkFutex or kParkEpoll.
+    // How the thread is woken while parked: kParkFutex or kParkEventFd.
     std::atomic<int> parkMode{0};
     // For waits that include sockets: an eventfd registered edge-triggered in
-    // an epoll set, so that a wake-up is one write and needs no read.
+    // an epoll set, so that a wake-up is one write and needs no read (a wait
+    // that polls its sockets instead reads it back).
     int eventFd = -1;
     int epollFd = -1;
     Watch watches[kMaxWatches];
@@ -155,7 +158,7 @@ const int kRunning = 0;
 const int kParked = 1;
 const int kNotified = 2;
 const int kParkFutex = 0;
-const int kParkEpoll = 1;
+const int kParkEventFd = 1;
 
 ThreadState& CurrentThread();
 // Called first thing by a thread started by this layer: its end signals the
@@ -179,9 +182,10 @@ void Kick(ThreadState* t);
 bool TryTakeMutex(KernelObject* m, ThreadState& self, bool& abandoned);
 
 // Socket events (SocketEvents.cpp); each takes the event's lock.
-// True when the event is signalled; looks at the socket first when no epoll
-// set can watch it (a socket that was not connected last time).
-bool SocketEventReady(KernelObject* event);
+// True when the event is signalled and not lent to another thread; looks at
+// the socket first when no epoll set can watch it (a socket that was not
+// connected last time).
+bool SocketEventReady(KernelObject* event, ThreadState& self);
 // Puts the event's socket in the thread's epoll set when it may be watched
 // (bound, connected, nothing recorded, not signalled). True when it was put
 // there; generation receives the binding it was put there for.
@@ -192,8 +196,14 @@ bool SocketEventStillWatchable(KernelObject* event, ThreadState& self, std::uint
 // Takes the socket out of the thread's epoll set, if the binding is still
 // the one it was put there for.
 void SocketEventUnwatch(KernelObject* event, ThreadState& self, std::uint32_t generation);
-// Takes in what epoll reported for the event's socket; true when that made
-// the event signalled.
+// The event's own descriptor when the event is lent to the thread (which
+// then polls it itself, outside its epoll set) and its socket may be
+// watched, with the binding in generation; -1 when lent to the thread with
+// nothing to watch; kNotLent otherwise.
+const int kNotLent = -2;
+int SocketEventLentFd(KernelObject* event, ThreadState& self, std::uint32_t& generation);
+// Takes in what epoll or poll reported for the event's socket; true when that
+// made the event signalled.
 bool SocketEventReport(KernelObject* event, ThreadState& self, std::uint32_t generation,
                        std::uint32_t epollEvents);
 // Closing the handle of a socket event: forgets its socket.

@@ -5,7 +5,8 @@
 // duplicate): what it watches and reports is that socket, whatever later
 // becomes of the number the application holds (closed, and given to another
 // socket). Threads that wait on the event keep that descriptor in their epoll
-// set (Waits.cpp); when epoll reports it, data is FD_READ, and a hang-up or
+// set (Waits.cpp), except a thread it is lent to, which polls it itself; when
+// epoll or poll reports it, data is FD_READ, and a hang-up or
 // an error is told apart by peeking one byte: data still unread is FD_READ,
 // the end of the stream FD_CLOSE with error 0, a failure such as a reset
 // FD_CLOSE with its Windows Sockets error. Nothing is polled on a timer.
@@ -113,8 +114,9 @@ void Probe(KernelObject* e) {
 
 bool Watchable(const KernelObject* e, const ThreadState& self) {
     const SocketBinding& b = e->socket;
+    const ThreadState* const lent = e->lentTo.load();
     return b.fd >= 0 && !b.endSeen && !b.notConnected && b.record == 0 &&
-           e->signalled.load() == 0 && (b.lentTo == nullptr || b.lentTo == &self);
+           e->signalled.load() == 0 && (lent == nullptr || lent == &self);
 }
 
 // Forgets the event's socket: out of every watcher's epoll set first, then
@@ -126,7 +128,7 @@ void Unbind(KernelObject* e) {
     for (const SocketBinding::Watcher& w : b.watchers)
         epoll_ctl(w.thread->epollFd, EPOLL_CTL_DEL, b.fd, nullptr);
     b.watchers.clear();
-    b.lentTo = nullptr;
+    e->lentTo.store(nullptr);
     auto it = TheBindings().events.find(Identity(b.dev, b.ino));
     if (it != TheBindings().events.end() && it->second == e) TheBindings().events.erase(it);
     close(b.fd);
@@ -147,7 +149,11 @@ KernelObject* SocketEventOf(HANDLE h) {
 
 }  // namespace
 
-bool SocketEventReady(KernelObject* e) {
+bool SocketEventReady(KernelObject* e, ThreadState& self) {
+    // Lent to another thread, it is that thread's alone to look at; its
+    // return wakes the others if it is signalled then.
+    ThreadState* const lent = e->lentTo.load();
+    if (lent != nullptr && lent != &self) return false;
     if (e->signalled.load() != 0) return true;
     std::lock_guard<std::mutex> guard(e->lock);
     // A socket found not connected is not watched: it is looked at again on
@@ -195,6 +201,14 @@ void SocketEventUnwatch(KernelObject* e, ThreadState& self, std::uint32_t genera
     }
 }
 
+int SocketEventLentFd(KernelObject* e, ThreadState& self, std::uint32_t& generation) {
+    std::lock_guard<std::mutex> guard(e->lock);
+    if (e->socket.fd < 0 || e->lentTo.load() != &self) return kNotLent;
+    if (!Watchable(e, self)) return -1;
+    generation = e->socket.generation;
+    return e->socket.fd;
+}
+
 bool SocketEventReport(KernelObject* e, ThreadState& self, std::uint32_t generation,
                        std::uint32_t epollEvents) {
     std::lock_guard<std::mutex> guard(e->lock);
@@ -208,7 +222,7 @@ bool SocketEventReport(KernelObject* e, ThreadState& self, std::uint32_t generat
     }
     // While the socket is lent, the others' waits are not disturbed: the
     // borrower alone looks at what came.
-    return e->signalled.load() != 0 && e->socket.lentTo != &self;
+    return e->signalled.load() != 0 && e->lentTo.load() != &self;
 }
 
 void SocketEventClosed(KernelObject* e) {
@@ -376,12 +390,21 @@ BOOL KvnLendSocketEvent(WSAEVENT hEvent) {
     ThreadState& self = CurrentThread();
     std::lock_guard<std::mutex> guard(e->lock);
     SocketBinding& b = e->socket;
-    if (b.fd < 0 || (b.lentTo != nullptr && b.lentTo != &self)) return FALSE;
-    b.lentTo = &self;
-    // Out of the other threads' epoll sets, without waking them: they keep
-    // their registration as it was and get it back with the socket.
-    for (const SocketBinding::Watcher& w : b.watchers)
-        if (w.thread != &self) epoll_ctl(w.thread->epollFd, EPOLL_CTL_DEL, b.fd, nullptr);
+    ThreadState* const lent = e->lentTo.load();
+    if (b.fd < 0 || (lent != nullptr && lent != &self)) return FALSE;
+    e->lentTo.store(&self);
+    // The other threads' registrations are disarmed, without waking them,
+    // and armed again on the socket's return: cheaper than taking them out
+    // and putting them back. A hang-up or an error still reaches them (epoll
+    // always reports those); they then find the socket lent and stop
+    // watching it until it comes back.
+    epoll_event none;
+    none.events = 0;
+    for (const SocketBinding::Watcher& w : b.watchers) {
+        if (w.thread == &self) continue;
+        none.data.u64 = w.serial;
+        epoll_ctl(w.thread->epollFd, EPOLL_CTL_MOD, b.fd, &none);
+    }
     return TRUE;
 }
 
@@ -393,14 +416,14 @@ void KvnReturnSocketEvent(WSAEVENT hEvent) {
     {
         std::lock_guard<std::mutex> guard(e->lock);
         SocketBinding& b = e->socket;
-        if (b.lentTo != &self) return;
-        b.lentTo = nullptr;
+        if (e->lentTo.load() != &self) return;
+        e->lentTo.store(nullptr);
         for (const SocketBinding::Watcher& w : b.watchers) {
             if (w.thread == &self) continue;
             epoll_event ev;
             ev.events = EPOLLIN | EPOLLRDHUP;
             ev.data.u64 = w.serial;
-            epoll_ctl(w.thread->epollFd, EPOLL_CTL_ADD, b.fd, &ev);
+            epoll_ctl(w.thread->epollFd, EPOLL_CTL_MOD, b.fd, &ev);
         }
         // Something the borrower left recorded (a close) is told to the
         // others, and so is the socket's return to a thread that looked at

@@ -10,7 +10,12 @@
 //  - in an epoll set of its own when sockets take part: the sockets (through
 //    their events' own descriptors) stay in the set from one wait to the
 //    next, and the waker writes to an eventfd that the set watches
-//    edge-triggered, so that the waiter never has to read it back.
+//    edge-triggered, so that the waiter never has to read it back;
+//  - in poll() when every socket of the wait is lent to the waiter
+//    (KvnLendSocketEvent): it alone watches them, and only until it gives
+//    them back, so registering them in its epoll set (and taking them out
+//    for the next socket) would cost two calls per wait for nothing. The
+//    eventfd is polled beside them and read back when a waker wrote to it.
 // Wakers only touch a sleeping thread's record, which is never freed, so a
 // wake-up that comes a moment late costs a spurious look, nothing more.
 //
@@ -25,6 +30,7 @@
 #include <cstdint>
 
 #include <linux/futex.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
@@ -62,7 +68,7 @@ bool Scan(KernelObject* const* objects, DWORD count, ThreadState& self, DWORD& r
             break;
         case ObjectKind::Thread: taken = o->signalled.load() != 0; break;
         case ObjectKind::Mutex: taken = TryTakeMutex(o, self, abandoned); break;
-        case ObjectKind::SocketEvent: taken = SocketEventReady(o); break;
+        case ObjectKind::SocketEvent: taken = SocketEventReady(o, self); break;
         }
         if (taken) {
             result = (abandoned ? WAIT_ABANDONED_0 : WAIT_OBJECT_0) + i;
@@ -95,10 +101,19 @@ bool InWait(KernelObject* o, KernelObject* const* objects, DWORD count) {
     return false;
 }
 
-// Brings the thread's epoll set in line with the socket events of this wait:
-// those that may be watched are in it, nothing else is. True when at least
-// one socket is watched.
-bool WatchSockets(KernelObject* const* objects, DWORD count, ThreadState& self) {
+// A socket polled by a wait, for the binding it was polled for.
+struct Polled {
+    KernelObject* event;
+    int fd;
+    std::uint32_t generation;
+};
+
+// How a wait sleeps.
+enum Sleep { kSleepFutex, kSleepEpoll, kSleepPoll };
+
+// Drops the thread's epoll watches of socket events that are not in this
+// wait or may no longer be watched by it.
+void DropWatches(KernelObject* const* objects, DWORD count, ThreadState& self) {
     for (int w = 0; w < self.nWatches;) {
         Watch& watch = self.watches[w];
         if (InWait(watch.event, objects, count) &&
@@ -111,6 +126,13 @@ bool WatchSockets(KernelObject* const* objects, DWORD count, ThreadState& self) 
         watch = self.watches[--self.nWatches];
         self.watches[self.nWatches] = Watch();
     }
+}
+
+// Brings the thread's epoll set in line with the socket events of this wait:
+// those that may be watched are in it, nothing else is. True when at least
+// one socket is watched.
+bool WatchSockets(KernelObject* const* objects, DWORD count, ThreadState& self) {
+    DropWatches(objects, count, self);
     bool any = false;
     for (DWORD i = 0; i < count; ++i) {
         KernelObject* o = objects[i];
@@ -132,6 +154,40 @@ bool WatchSockets(KernelObject* const* objects, DWORD count, ThreadState& self) 
     return any;
 }
 
+// How the wait sleeps this time. When every socket of the wait is lent to
+// the thread, the descriptors to poll go to polled; otherwise the epoll set
+// is brought in line with the wait.
+Sleep PlanSleep(KernelObject* const* objects, DWORD count, ThreadState& self, Polled* polled,
+                int& nPolled) {
+    nPolled = 0;
+    bool allLent = PrepareEpoll(self);
+    for (DWORD i = 0; i < count && allLent; ++i) {
+        KernelObject* o = objects[i];
+        if (KindOf(o) != ObjectKind::SocketEvent) continue;
+        // Without its lock first: the threads that own their sockets (the
+        // usual case) pay nothing for this look.
+        if (o->lentTo.load() != &self) {
+            allLent = false;
+            break;
+        }
+        Polled p;
+        p.event = o;
+        p.fd = SocketEventLentFd(o, self, p.generation);
+        if (p.fd == kNotLent) allLent = false;
+        else if (p.fd >= 0) polled[nPolled++] = p;
+    }
+    if (!allLent) return WatchSockets(objects, count, self) ? kSleepEpoll : kSleepFutex;
+    DropWatches(objects, count, self);
+    return nPolled > 0 ? kSleepPoll : kSleepFutex;
+}
+
+// Takes in what epoll or poll reported for one socket.
+void ReportSocket(KernelObject* event, ThreadState& self, std::uint32_t generation,
+                  std::uint32_t epollEvents) {
+    // Other threads may wait on the same event.
+    if (SocketEventReport(event, self, generation, epollEvents)) WakeWaiters(event);
+}
+
 // Takes in what the epoll set reported.
 void Reported(const epoll_event* events, int n, ThreadState& self) {
     for (int e = 0; e < n; ++e) {
@@ -139,10 +195,7 @@ void Reported(const epoll_event* events, int n, ThreadState& self) {
         for (int w = 0; w < self.nWatches; ++w) {
             Watch& watch = self.watches[w];
             if (watch.serial != events[e].data.u64) continue;
-            // Other threads may wait on the same event.
-            if (SocketEventReport(watch.event, self, watch.generation, events[e].events)) {
-                WakeWaiters(watch.event);
-            }
+            ReportSocket(watch.event, self, watch.generation, events[e].events);
             break;
         }
     }
@@ -150,16 +203,46 @@ void Reported(const epoll_event* events, int n, ThreadState& self) {
 
 // Sleeps until woken or until leftMs (-1: no limit) has passed; a thread
 // notified since it last looked does not sleep at all.
-void Park(ThreadState& self, bool epoll, long long leftMs) {
-    self.parkMode.store(epoll ? kParkEpoll : kParkFutex);
+void Park(ThreadState& self, Sleep sleep, const Polled* polled, int nPolled, long long leftMs) {
+    self.parkMode.store(sleep == kSleepFutex ? kParkFutex : kParkEventFd);
     int expected = kRunning;
     if (!self.wake.compare_exchange_strong(expected, kParked)) return;
-    if (epoll) {
+    const int ms = leftMs < 0 ? -1 : (leftMs > INT_MAX ? INT_MAX : static_cast<int>(leftMs));
+    if (sleep == kSleepEpoll) {
         epoll_event events[16];
-        const int ms = leftMs < 0 ? -1 : (leftMs > INT_MAX ? INT_MAX : static_cast<int>(leftMs));
         const int n = epoll_wait(self.epollFd, events, 16, ms);
         self.wake.store(kRunning);
         if (n > 0) Reported(events, n, self);
+        return;
+    }
+    if (sleep == kSleepPoll) {
+        pollfd fds[1 + MAXIMUM_WAIT_OBJECTS];
+        fds[0].fd = self.eventFd;
+        fds[0].events = POLLIN;
+        for (int i = 0; i < nPolled; ++i) {
+            fds[1 + i].fd = polled[i].fd;
+            fds[1 + i].events = POLLIN | POLLRDHUP;
+        }
+        const int n = poll(fds, static_cast<nfds_t>(1 + nPolled), ms);
+        self.wake.store(kRunning);
+        if (n <= 0) return;
+        if (fds[0].revents != 0) {
+            // Emptied, so that the next poll sleeps; the epoll set sees the
+            // next write as a new edge all the same.
+            std::uint64_t count;
+            ssize_t r = read(self.eventFd, &count, sizeof count);
+            (void)r;
+        }
+        for (int i = 0; i < nPolled; ++i) {
+            const short r = fds[1 + i].revents;
+            if (r == 0) continue;
+            std::uint32_t events = 0;
+            if (r & POLLIN) events |= EPOLLIN;
+            if (r & POLLRDHUP) events |= EPOLLRDHUP;
+            if (r & POLLHUP) events |= EPOLLHUP;
+            if (r & (POLLERR | POLLNVAL)) events |= EPOLLERR;
+            ReportSocket(polled[i].event, self, polled[i].generation, events);
+        }
         return;
     }
     timespec ts;
@@ -214,18 +297,20 @@ DWORD WaitAny(DWORD count, const HANDLE* handles, DWORD timeoutMs) {
         AddWaiter(objects[i], links[i]);
     }
     bool lookedAtSockets = false;
+    Polled polled[MAXIMUM_WAIT_OBJECTS];
+    int nPolled = 0;
     for (;;) {
         self.wake.store(kRunning);
         if (Scan(objects, count, self, result)) break;
         const long long left = infinite ? -1 : LeftMs(deadline);
-        const bool epoll = sockets && WatchSockets(objects, count, self);
+        const Sleep sleep = sockets ? PlanSleep(objects, count, self, polled, nPolled) : kSleepFutex;
         // At the end of the time, the sockets are still looked at once.
-        if (left == 0 && (!epoll || lookedAtSockets)) {
+        if (left == 0 && (sleep == kSleepFutex || lookedAtSockets)) {
             result = WAIT_TIMEOUT;
             break;
         }
         lookedAtSockets = left == 0;
-        Park(self, epoll, left);
+        Park(self, sleep, polled, nPolled, left);
     }
     for (DWORD i = 0; i < count; ++i) {
         RemoveWaiter(objects[i], links[i]);
@@ -237,9 +322,10 @@ DWORD WaitAny(DWORD count, const HANDLE* handles, DWORD timeoutMs) {
 }  // namespace
 
 void Kick(ThreadState* t) {
-    if (t->parkMode.load() == kParkEpoll) {
+    if (t->parkMode.load() == kParkEventFd) {
         const std::uint64_t one = 1;
-        // Never full in practice: the counter is 64 bits and nothing reads it.
+        // Never full in practice: the counter is 64 bits (and a wait that
+        // polls it reads it back).
         ssize_t written = write(t->eventFd, &one, sizeof one);
         (void)written;
     } else {
