@@ -5,7 +5,6 @@
 #define KVN_TESTS_CLIENT_CLIENTPROBE_H
 
 #include <cwchar>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -94,24 +93,8 @@ struct ShortStopWaits {
     ~ShortStopWaits() { KvnSetStopWaitsForTests(0); }
 };
 
-// Bounded wait until condition() holds.
-template <class F>
-bool WaitUntil(F condition, long long timeoutMs = peer::kWaitMs) {
-    const kvntest::Clock::time_point start = kvntest::Clock::now();
-    while (!condition()) {
-        if (kvntest::MsSince(start) > timeoutMs) return false;
-        KvnSleep(5);
-    }
-    return true;
-}
-
-// A loopback port on which nothing listens: connects to it are refused at once.
-inline unsigned short ClosedPort() {
-    peer::ScriptedPeer gone;
-    const unsigned short port = gone.Port();
-    gone.Stop();
-    return port;
-}
+using kvntest::ClosedPort;
+using kvntest::WaitUntil;
 
 // A service that turns the application away with one value, the reason.
 inline void RefuseApplication(peer::Connection& c) {
@@ -123,10 +106,7 @@ inline void RefuseApplication(peer::Connection& c) {
 }
 
 // Lines handed to the trace file and the debugger output while it lives.
-struct Recorder {
-    std::mutex lock;
-    std::vector<std::wstring> texts;
-
+struct Recorder : kvntest::CapturedTexts {
     Recorder() {
         KvnSetTraceFileHook(&Hook, this);
         KvnSetDebugOutputHook(&Hook, this);
@@ -138,20 +118,6 @@ struct Recorder {
     }
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
-
-    static void Hook(const wchar_t* text, void* context) {
-        Recorder* self = static_cast<Recorder*>(context);
-        std::lock_guard<std::mutex> guard(self->lock);
-        self->texts.push_back(text);
-    }
-    // Lines equal to text, or containing it when partial.
-    int Count(const std::wstring& text, bool partial = false) {
-        std::lock_guard<std::mutex> guard(lock);
-        int n = 0;
-        for (const std::wstring& t : texts)
-            n += (partial ? t.find(text) != std::wstring::npos : t == text) ? 1 : 0;
-        return n;
-    }
 };
 
 // WinSock for the length of a test.

@@ -97,9 +97,9 @@ TEST_F(HeartBeat, DatagramsThatAreNotAHeartbeatAreIgnored) {
     // The blocks of the wrong length are logged as they are dropped; the
     // others leave no trace.
     const wchar_t* dropped = L"Erreur recvfrom code";
-    probe::WaitUntil([&] { return lines.Count(dropped, true) >= 2; }, 2000);
+    probe::WaitUntil([&] { return lines.CountContaining(dropped) >= 2; }, 2000);
     KvnSleep(200);
-    EXPECT_EQ(2, lines.Count(dropped, true)) << "13 and 17 bytes; 12 never queued";
+    EXPECT_EQ(2, lines.CountContaining(dropped)) << "13 and 17 bytes; 12 never queued";
     EXPECT_FALSE(IsSet(client.GetEventHB()));
     EXPECT_EQ(old, client.LastHeartBeat());
 
@@ -114,7 +114,7 @@ TEST_F(HeartBeat, AGroupAddressWithoutRoomForItsEndStopsTheSupervisionAndAGoodOn
     probe::Client bad;
     bad.StartHeartBeat(port_, 100, 5, 1, L"239.255.255.255.1234567");  // 20 characters kept
     EXPECT_TRUE(Ended(bad));
-    EXPECT_EQ(1, lines.Count(L"ThreadHeartBeat : PARAMETRES ERRONES   Client=0", true));
+    EXPECT_EQ(1, lines.CountContaining(L"ThreadHeartBeat : PARAMETRES ERRONES   Client=0"));
     sender_->SendHeartBeat();
     EXPECT_FALSE(IsSet(bad.GetEventHB(), 300));
 

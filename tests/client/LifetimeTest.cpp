@@ -3,6 +3,7 @@
 #include <atomic>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,16 @@ using peer::Message;
 
 class Lifetime : public ::testing::Test {
 protected:
+    // Opens the session with one connection, whose link plays `connexion`.
+    int OpenOneConnexion(probe::Client& client, peer::Script connexion) {
+        service_.OnAccept(0, MainLink(SessionAnswer()));
+        service_.OnAccept(1, ConnexionLink(std::move(connexion)));
+        EXPECT_EQ(KVN_NO_ERROR, client.Open(service_.Port()));
+        const int hCnx = client.GetConnexion();
+        EXPECT_GT(hCnx, 0);
+        return hCnx;
+    }
+
     probe::WinSock winsock_;
     peer::ScriptedPeer service_;
 };
@@ -24,8 +35,8 @@ TEST_F(Lifetime, FreeConnexionWaitsForTheRequestInProgressOnTheConnexion) {
     // A request left without its connection's thread would wait this long.
     probe::ShortAnswerWait shortAnswerWait(2000);
     auto reading = std::make_shared<std::atomic<bool>>(false);
-    service_.OnAccept(0, MainLink(SessionAnswer()));
-    service_.OnAccept(1, ConnexionLink([reading](Connection& c) {
+    probe::Client client;
+    const int hCnx = OpenOneConnexion(client, [reading](Connection& c) {
         Message request = c.Expect(KVN_EXECUTE);
         c.Ack(request);
         *reading = true;
@@ -33,12 +44,7 @@ TEST_F(Lifetime, FreeConnexionWaitsForTheRequestInProgressOnTheConnexion) {
         c.Answer(peer::Msg(KVN_EXECUTE, request.IdApplication(), request.IdConnexion(),
                            {peer::Long(0), peer::Long(5)}));
         AcknowledgeUntilClose(c);
-    }));
-    probe::Client client;
-    ASSERT_EQ(KVN_NO_ERROR, client.Open(service_.Port()));
-    const int hCnx = client.GetConnexion();
-    ASSERT_GT(hCnx, 0);
-
+    });
     int r = -1, resultat = 0;
     std::thread request([&] { r = client.Execute(hCnx, L"UPDATE T SET A = 1", resultat); });
     ASSERT_TRUE(probe::WaitUntil([&] { return reading->load(); }));
@@ -57,18 +63,13 @@ TEST_F(Lifetime, FreeDuringARequestThatWaitsForItsAnswerEndsTheConnexionAtOnce) 
     probe::ShortAnswerWait shortAnswerWait(3000);
     auto reading = std::make_shared<std::atomic<bool>>(false);
     auto closedAfterMs = std::make_shared<std::atomic<long long>>(-1);
-    service_.OnAccept(0, MainLink(SessionAnswer()));
-    service_.OnAccept(1, ConnexionLink([reading, closedAfterMs](Connection& c) {
+    probe::Client client;
+    const int hCnx = OpenOneConnexion(client, [reading, closedAfterMs](Connection& c) {
         c.Ack(c.Expect(KVN_EXECUTE));
         *reading = true;  // and never answered
         const kvntest::Clock::time_point start = kvntest::Clock::now();
         if (c.ExpectClientClose(10000)) *closedAfterMs = kvntest::MsSince(start);
-    }));
-    probe::Client client;
-    ASSERT_EQ(KVN_NO_ERROR, client.Open(service_.Port()));
-    const int hCnx = client.GetConnexion();
-    ASSERT_GT(hCnx, 0);
-
+    });
     int r = -1, resultat = 0;
     std::thread request([&] { r = client.Execute(hCnx, L"UPDATE T SET A = 1", resultat); });
     ASSERT_TRUE(probe::WaitUntil([&] { return reading->load(); }));
@@ -88,19 +89,16 @@ TEST_F(Lifetime, FreeDuringARequestThatWaitsForItsAnswerEndsTheConnexionAtOnce) 
 TEST_F(Lifetime, AThreadThatOutlivesItsStopWaitNeverUsesADestroyedClient) {
     probe::ShortStopWaits shortStopWaits(100);
     auto stuck = std::make_shared<std::atomic<bool>>(false);
-    service_.OnAccept(0, MainLink(SessionAnswer()));
-    service_.OnAccept(1, ConnexionLink([](Connection& c) {
-        c.Await("close");
-        c.Close();
-    }));
     service_.OnAccept(2, [stuck](Connection& c) {
         c.Expect(KVN_REINIT_CONNEXION);
         *stuck = true;  // and never acknowledged
         c.ExpectClientClose(10000);
     });
     std::unique_ptr<probe::Client> client(new probe::Client);
-    ASSERT_EQ(KVN_NO_ERROR, client->Open(service_.Port()));
-    ASSERT_GT(client->GetConnexion(), 0);
+    OpenOneConnexion(*client, [](Connection& c) {
+        c.Await("close");
+        c.Close();
+    });
     service_.Signal("close");
     ASSERT_TRUE(probe::WaitUntil([&] { return stuck->load(); }));
 

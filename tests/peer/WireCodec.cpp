@@ -144,11 +144,6 @@ Value Timestamp(const std::string& digits) {
     return Record(kTypeTimestamp, static_cast<std::uint16_t>(digits.size()), Bytes(digits.begin(), digits.end()));
 }
 
-Value Guid(const Bytes& sixteen) {
-    EXPECT_EQ(16u, sixteen.size());
-    return Record(kTypeGuid, static_cast<std::uint16_t>(sixteen.size()), sixteen);
-}
-
 // ---- Messages ---------------------------------------------------------------------------
 
 const Value& Message::Param(int i) const {

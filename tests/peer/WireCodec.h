@@ -71,7 +71,6 @@ Value Text(const wchar_t* text, std::uint8_t type = kTypeWChar);
 Value NullOf(std::uint8_t type);
 // The 18 ASCII digits DDMMYYYYhhmmssffff.
 Value Timestamp(const std::string& digits);
-Value Guid(const Bytes& sixteen);
 
 struct Message {
     Header header;

@@ -10,30 +10,10 @@
 #include "platform/DebugOutput.h"
 #include "support/ServiceSession.h"
 
-void CapturedTexts::Hook(const wchar_t* text, void* context) {
-    CapturedTexts* self = static_cast<CapturedTexts*>(context);
-    std::lock_guard<std::mutex> guard(self->lock_);
-    self->texts_.push_back(text);
-}
-
-int CapturedTexts::Count(const std::wstring& text) {
-    std::lock_guard<std::mutex> guard(lock_);
-    int n = 0;
-    for (const std::wstring& t : texts_) n += t == text ? 1 : 0;
-    return n;
-}
-
-int CapturedTexts::CountContaining(const std::wstring& part) {
-    std::lock_guard<std::mutex> guard(lock_);
-    int n = 0;
-    for (const std::wstring& t : texts_) n += t.find(part) != std::wstring::npos ? 1 : 0;
-    return n;
-}
-
 void OperationSession::SetUp() {
     SockInitWinSock();
-    KvnSetDebugOutputHook(&CapturedTexts::Hook, &debugger);
-    KvnSetTraceFileHook(&CapturedTexts::Hook, &log);
+    KvnSetDebugOutputHook(&kvntest::CapturedTexts::Hook, &debugger);
+    KvnSetTraceFileHook(&kvntest::CapturedTexts::Hook, &log);
 }
 
 void OperationSession::TearDown() {

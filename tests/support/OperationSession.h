@@ -3,8 +3,6 @@
 #ifndef KVN_TESTS_SUPPORT_OPERATIONSESSION_H
 #define KVN_TESTS_SUPPORT_OPERATIONSESSION_H
 
-#include <mutex>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,24 +12,13 @@
 #include "client/CConnexionKorvane.h"
 #include "peer/ScriptedPeer.h"
 #include "support/ServiceSession.h"
+#include "support/TestUtil.h"
 
 // The client, with the connection objects within reach of the tests.
 class OperationClient : public CKorvaneClient {
 public:
     CConnexionKorvane* Connexion(int hCnx) { return m_GetConnexionByIdList(hCnx); }
     void SetAllConnected(BOOL on) { m_bAllConnected = on; }
-};
-
-// Texts handed to the debugger output or the trace file, in order.
-class CapturedTexts {
-public:
-    static void Hook(const wchar_t* text, void* context);
-    int Count(const std::wstring& text);
-    int CountContaining(const std::wstring& part);
-
-private:
-    std::mutex lock_;
-    std::vector<std::wstring> texts_;
 };
 
 class OperationSession : public ::testing::Test {
@@ -59,8 +46,8 @@ protected:
     peer::ScriptedPeer service;
     OperationClient client;
     int hCnx = 0;
-    CapturedTexts debugger;
-    CapturedTexts log;
+    kvntest::CapturedTexts debugger;
+    kvntest::CapturedTexts log;
 };
 
 // Whether another thread can take the lock at once.

@@ -112,7 +112,7 @@ TEST_F(LogTest, FreeLogLetsAWriteInProgressFinish) {
     } slow;
     KvnSetTraceFileHook(&SlowTrace::Hook, &slow);
     std::thread writer([] { WriteLog(std::wstring(600, L'z').c_str(), 2); });
-    ASSERT_TRUE(kvnunit::WaitFor([&] { return slow.entered.load(); }));
+    ASSERT_TRUE(kvntest::WaitUntil([&] { return slow.entered.load(); }));
     FreeLog();
     writer.join();
 

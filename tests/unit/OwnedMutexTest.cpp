@@ -19,7 +19,7 @@ namespace {
 
 using kvntest::Clock;
 using kvntest::MsSince;
-using kvnunit::WaitFor;
+using kvntest::WaitUntil;
 
 // A thread of the layer's own that takes the mutex under `name`, stays inside
 // its section until told to leave, then unlocks, or ends without unlocking.
@@ -34,13 +34,13 @@ struct Holder {
     explicit Holder(COwnedMutex& m, const wchar_t* n = L"Holder", bool unlock = true)
         : mutex(m), name(n), unlockOnLeave(unlock) {
         thread = KvnBeginThreadEx(&Run, this);
-        EXPECT_TRUE(WaitFor([&] { return inside.load(); }));
+        EXPECT_TRUE(WaitUntil([&] { return inside.load(); }));
     }
     static unsigned Run(void* arg) {
         Holder* self = static_cast<Holder*>(arg);
         if (!LockOwnedMutex(self->mutex, 5000, self->name)) return 1;
         self->inside = true;
-        WaitFor([&] { return self->leave.load(); });
+        WaitUntil([&] { return self->leave.load(); });
         self->inside = false;
         if (self->unlockOnLeave) UnlockOwnedMutex(self->mutex);
         return 0;
@@ -101,7 +101,7 @@ TEST_F(OwnedMutexTest, ThreeFailuresAreReportedAndTheFourthRecreatesTheMutex) {
     // The holder leaves its section once the mutex has been replaced; only
     // then may the caller get in.
     std::thread leaver([&] {
-        WaitFor([&] { return m.GetHandle() != original; });
+        WaitUntil([&] { return m.GetHandle() != original; });
         holder.Leave();
     });
     EXPECT_EQ(LockOwnedMutex(m, 400, L"CNewQuillonFifo::GetFifo"), 1);
@@ -179,7 +179,7 @@ TEST_F(OwnedMutexTest, ManyThreadsNeverShareTheSectionWhileTheMutexIsRecreated) 
     for (auto& thread : threads) thread.join();
     EXPECT_FALSE(overlap);
     EXPECT_EQ(counter, kThreads * kEntries);
-    EXPECT_GT(debugger_.Containing(L"Re-CREATED").size(), 0u);
+    EXPECT_GT(debugger_.CountContaining(L"Re-CREATED"), 0);
 }
 
 }  // namespace

@@ -71,8 +71,8 @@ TEST(QuillonFifo, BlocksComeOutInOrderAsCopiesAndNothingIsQueuedForNullOrEmptyBl
 }
 
 TEST(QuillonFifo, ASizeLineMarksEachNewThousand) {
-    kvnunit::Captured lines;
-    KvnSetDebugOutputHook(&kvnunit::Captured::Hook, &lines);
+    kvntest::CapturedTexts lines;
+    KvnSetDebugOutputHook(&kvntest::CapturedTexts::Hook, &lines);
     auto sizeLines = [&] { return lines.Containing(L"element dans le fifo"); };
     {
         CNewQuillonFifo fifo;

@@ -116,7 +116,7 @@ TEST_F(TransportTest, UnusableHostsAreRefusedWithTheirTextAndNamesAreResolved) {
 }
 
 TEST_F(TransportTest, ARefusedConnectionIsNeverReturnedAndEndsInTheTimeOutText) {
-    const unsigned short port = kvnunit::ClosedPort();
+    const unsigned short port = kvntest::ClosedPort();
     char error[256] = "";
     const auto start = Clock::now();
     EXPECT_EQ(Socket_Client("127.0.0.1", port, 400, error), INVALID_SOCKET);
