@@ -62,26 +62,6 @@ class Exchange : public clienttest::WireTest {};
 
 // ---- Sending ------------------------------------------------------------------------------
 
-// The bytes of each value type are the codec's; here: what the sender does.
-TEST_F(Exchange, AnAcknowledgedMessageReturnsOneAndStaysEncodedForAnotherSend) {
-    Message exec = peer::Msg(KVN_EXECUTE, 7, 3, {peer::Text(L"SELECT 1")});
-    SOCKET s = Connect([exec](Connection& c) {
-        for (int i = 0; i < 2; ++i) c.Ack(c.ExpectMessage(exec));
-        c.ExpectSilence(200);
-    });
-    CParamComm comm = CommWith(2000);
-    CMsgSocketClient client;
-    client.Init(7, 3, s, &comm);
-    ASSERT_EQ(0, client.CreateExec(L"SELECT 1"));
-    EXPECT_EQ(1, client.SendMessage(s, -1, -1));
-    EXPECT_EQ(1, client.SendMessage(s, -1, -1));
-
-    CMsgSocket empty;
-    EXPECT_EQ(0, empty.SendMessage(s, -1, -1)) << "a message without header is not sent";
-    Finish();
-    EXPECT_EQ(2u, service.Received(0).size());
-}
-
 TEST_F(Exchange, ARefusedMessageIsSentAgainAfterAPauseUntilTheAttemptsRunOut) {
     SOCKET s = Connect([](Connection& c) {
         c.Refuse(c.Expect(KVN_EXECUTE));

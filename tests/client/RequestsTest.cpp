@@ -256,6 +256,11 @@ TEST_F(Requests, EveryRequestPutsItsParametersOnTheWireInOrder) {
     const wchar_t* select = L"SELECT nom FROM clients WHERE ville = 'Gen\u00e8ve \U0001F600'";
     const wchar_t* insert = L"INSERT INTO t VALUES (?,?,?)";
     sent(msg->CreateExec(L"SELECT 1"), Msg(KVN_EXECUTE, 7, 3, {Text(L"SELECT 1")}));
+    // An acknowledged message stays encoded for another send; a message
+    // without a header is not sent at all.
+    EXPECT_EQ(1, msg->SendMessage(link->Get(), -1, -1));
+    expected.push_back(expected.back());
+    EXPECT_EQ(0, CMsgSocket().SendMessage(link->Get(), -1, -1));
     sent(msg->CreateExecSelect(select), Msg(KVN_EXECUTESELECT, 7, 3, {Text(select)}));
     sent(msg->CreateFetch(), Msg(KVN_FETCH, 7, 3));
     sent(msg->CreateGetData(3, -4), Msg(KVN_GETDATA, 7, 3, {Long(3), Long(-4)}));
