@@ -315,12 +315,11 @@ int CRequestFrame::Run(int hCnx, KvnFrameBuilder build, KvnFrameReader read) {
     // Not picked up (thread stuck or gone): the request must not be sent
     // later by a hand-over meant for the next one.
     KvnResetEvent(cnx->m_hEvtEnvoi);
+    WithdrawRequest(cnx);
     if (answerTimedOut) {
-        WithdrawRequest(cnx);
         LogLine(L"(): time-out resultat", 2);
         return Finish(KVN_FRAME_ANSWER_TIMEOUT, KVN_ERROR_TIMEOUT);
     }
-    WithdrawRequest(cnx);
 
     // The order of these tests decides the result when several hold at once.
     if (cnx->m_bMsgSended == 0 && cnx->m_nCodeErreur == KVN_ERROR_SOCKET_CLOSED) {
