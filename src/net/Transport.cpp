@@ -223,9 +223,10 @@ int Receive(SOCKET sock, char* buffer, int length, DWORD timeoutMs, bool waitFir
             // budget instead; the count so far is the answer.
             KvnSleep(WaitSlice(start, timeoutMs));
         } else {
+            // More may be there already (a large message comes in pieces of
+            // the receive window): read again, and wait only on would-block.
             received += r;
             if (received == length) return received;
-            WaitReady(sock, false, start, timeoutMs);
         }
         if (IsTimeOuted(start, timeoutMs)) return received;
     }

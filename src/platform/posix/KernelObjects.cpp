@@ -165,6 +165,7 @@ struct ThreadRecord {
             Unreference(t);
         }
         self.wake.store(kRunning);
+        t_currentThread = nullptr;
         Give(Threads(), state);
         state = nullptr;
     }
@@ -223,7 +224,9 @@ void WakeWaiters(KernelObject* o) {
     for (WaitLink* l = o->waiters; l; l = l->next) wakeups.Add(l->thread);
 }
 
-ThreadState& CurrentThread() {
+thread_local ThreadState* t_currentThread = nullptr;
+
+ThreadState& CurrentThreadSlow() {
     thread_local ThreadRecord record;
     if (!record.state) {
         record.state = Take(Threads(), 0);
@@ -231,6 +234,7 @@ ThreadState& CurrentThread() {
         // better to do than to stop here.
         if (!record.state) std::terminate();
     }
+    t_currentThread = record.state;
     return *record.state;
 }
 
@@ -291,7 +295,8 @@ bool TryTakeMutex(KernelObject* m, ThreadState& self, bool& abandoned) {
     }
     if (owner != nullptr || !m->owner.compare_exchange_strong(owner, &self)) return false;
     m->count = 1;
-    abandoned = m->abandoned.exchange(false);
+    // Set before the previous holder let go, so seen here when it was.
+    abandoned = m->abandoned.load() && m->abandoned.exchange(false);
     Reference(m);  // the holder's
     m->heldPrev = nullptr;
     m->heldNext = self.heldHead;

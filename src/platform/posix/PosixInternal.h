@@ -160,7 +160,19 @@ const int kNotified = 2;
 const int kParkFutex = 0;
 const int kParkEventFd = 1;
 
-ThreadState& CurrentThread();
+// The calling thread's record, made on its first use. Looked up on every
+// wait and every release of a mutex: the common case is one read of a plain
+// thread-local pointer.
+ThreadState& CurrentThreadSlow();
+#if defined(__GNUC__)
+extern thread_local ThreadState* t_currentThread __attribute__((tls_model("initial-exec")));
+#else
+extern thread_local ThreadState* t_currentThread;
+#endif
+inline ThreadState& CurrentThread() {
+    ThreadState* self = t_currentThread;
+    return self ? *self : CurrentThreadSlow();
+}
 // Called first thing by a thread started by this layer: its end signals the
 // thread object, which it holds a reference to.
 void AttachThreadObject(KernelObject* object);

@@ -354,7 +354,16 @@ bool PrepareEpoll(ThreadState& self) {
 
 using namespace kvn_posix;
 
-DWORD KvnWaitForSingleObject(HANDLE h, DWORD timeoutMs) { return WaitAny(1, &h, timeoutMs); }
+DWORD KvnWaitForSingleObject(HANDLE h, DWORD timeoutMs) {
+    // A free mutex, or one the thread holds already, is taken here: the look
+    // that the wait would make first, without its set-up.
+    KernelObject* o = OpenObject(h);
+    if (o && KindOf(o) == ObjectKind::Mutex) {
+        bool abandoned = false;
+        if (TryTakeMutex(o, CurrentThread(), abandoned)) return abandoned ? WAIT_ABANDONED_0 : WAIT_OBJECT_0;
+    }
+    return WaitAny(1, &h, timeoutMs);
+}
 
 DWORD KvnWaitForMultipleObjects(DWORD count, const HANDLE* handles, DWORD timeoutMs) {
     return WaitAny(count, handles, timeoutMs);
