@@ -65,16 +65,36 @@ struct CPtrListNode {
     void* data;
 };
 
-CPtrList::CPtrList() : m_pHead(nullptr), m_pTail(nullptr), m_nCount(0) {}
+CPtrList::CPtrList() : m_pHead(nullptr), m_pTail(nullptr), m_nCount(0), m_pFree(nullptr) {}
 
-CPtrList::~CPtrList() { RemoveAll(); }
+CPtrList::~CPtrList() {
+    RemoveAll();
+    while (m_pFree) {
+        CPtrListNode* next = m_pFree->pNext;
+        delete m_pFree;
+        m_pFree = next;
+    }
+}
+
+CPtrListNode* CPtrList::NewNode(CPtrListNode* next, CPtrListNode* prev, void* p) {
+    CPtrListNode* node = m_pFree;
+    if (node) m_pFree = node->pNext;
+    else node = new (std::nothrow) CPtrListNode;
+    if (node) *node = CPtrListNode{next, prev, p};
+    return node;
+}
+
+void CPtrList::FreeNode(CPtrListNode* node) {
+    node->pNext = m_pFree;
+    m_pFree = node;
+}
 
 void* CPtrList::GetHead() const { return m_pHead ? m_pHead->data : nullptr; }
 
 void* CPtrList::GetTail() const { return m_pTail ? m_pTail->data : nullptr; }
 
 POSITION CPtrList::AddHead(void* p) {
-    CPtrListNode* node = new (std::nothrow) CPtrListNode{m_pHead, nullptr, p};
+    CPtrListNode* node = NewNode(m_pHead, nullptr, p);
     if (!node) return nullptr;
     if (m_pHead) m_pHead->pPrev = node;
     else m_pTail = node;
@@ -84,7 +104,7 @@ POSITION CPtrList::AddHead(void* p) {
 }
 
 POSITION CPtrList::AddTail(void* p) {
-    CPtrListNode* node = new (std::nothrow) CPtrListNode{nullptr, m_pTail, p};
+    CPtrListNode* node = NewNode(nullptr, m_pTail, p);
     if (!node) return nullptr;
     if (m_pTail) m_pTail->pNext = node;
     else m_pHead = node;
@@ -106,7 +126,7 @@ void CPtrList::RemoveAt(POSITION pos) {
     else m_pHead = pos->pNext;
     if (pos->pNext) pos->pNext->pPrev = pos->pPrev;
     else m_pTail = pos->pPrev;
-    delete pos;
+    FreeNode(pos);
     --m_nCount;
 }
 

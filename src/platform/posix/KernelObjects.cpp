@@ -181,12 +181,6 @@ KernelObject* CreateObject(ObjectKind kind) {
     return o;
 }
 
-KernelObject* OpenObject(HANDLE h) {
-    KernelObject* o = static_cast<KernelObject*>(h);
-    if (!KvnIsHandleOpen(h) || (o->tag.load(std::memory_order_acquire) & kOpen) == 0) return nullptr;
-    return o;
-}
-
 void Reference(KernelObject* o) { o->refs.fetch_add(1); }
 
 void Unreference(KernelObject* o) {

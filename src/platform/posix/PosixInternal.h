@@ -115,7 +115,11 @@ inline ObjectKind KindOf(const KernelObject* o) {
 // memory ran out.
 KernelObject* CreateObject(ObjectKind kind);
 // The object behind an open handle of any kind, or null.
-KernelObject* OpenObject(HANDLE h);
+inline KernelObject* OpenObject(HANDLE h) {
+    KernelObject* o = static_cast<KernelObject*>(h);
+    if (h == nullptr || h == INVALID_HANDLE_VALUE || (o->tag.load(std::memory_order_acquire) & kOpen) == 0) return nullptr;
+    return o;
+}
 void Reference(KernelObject* o);
 // Drops one reference; at zero the object goes back to the pool.
 void Unreference(KernelObject* o);

@@ -96,9 +96,16 @@ public:
     void* GetNext(POSITION& pos) const;
 
 private:
+    CPtrListNode* NewNode(CPtrListNode* next, CPtrListNode* prev, void* p);
+    void FreeNode(CPtrListNode* node);
+
     CPtrListNode* m_pHead;
     CPtrListNode* m_pTail;
     int m_nCount;
+    // Nodes of removed elements, kept for the next additions: a queue that
+    // elements go through one by one (rows of a select) allocates nothing
+    // once it has reached its largest size.
+    CPtrListNode* m_pFree;
 };
 
 #endif
