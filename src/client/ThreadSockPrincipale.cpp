@@ -179,6 +179,14 @@ void CThreadSockPrincipale::TraiteSocket(SOCKET s) {
     // The set is compared as a whole: a read and a close reported together
     // (never by the POSIX layer) are left to the next pass.
     if (events == FD_READ) {
+        // Free may have exchanged CLOSE_APPLICATION on this socket meanwhile
+        // (it holds m_mutexConnected for that) and taken the acknowledgement
+        // that woke this thread: where the system tells every waiter (sockets
+        // that cannot be lent), a read now would wait out a header's budget.
+        c->m_mutexConnected.Lock(INFINITE);
+        const bool nothing = KvnPendingBytes(s) == 0;
+        c->m_mutexConnected.Unlock();
+        if (nothing) return;
         WriteLog(L"ThreadSockClient; data sur sock principale", 4);
         // Acknowledged by the receive; only a heartbeat means something here,
         // and a receive that fails is ignored.

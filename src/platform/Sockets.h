@@ -89,6 +89,8 @@ int KvnSetSocketOption(SOCKET s, KvnSocketOption option, int value);
 // Binds to the given address and port (0 lets the system choose).
 int KvnBind(SOCKET s, DWORD address, unsigned short port);
 int KvnSetNonBlocking(SOCKET s, BOOL nonBlocking);
+// The bytes that can be read at once (FIONREAD); -1 on error.
+int KvnPendingBytes(SOCKET s);
 // 0 when connected; -1 otherwise, with KvnSocketError() == WSAEWOULDBLOCK when
 // a non-blocking connect is under way.
 int KvnConnect(SOCKET s, DWORD address, unsigned short port);

@@ -340,6 +340,14 @@ int KvnSetNonBlocking(SOCKET s, BOOL nonBlocking) {
     return 0;
 }
 
+int KvnPendingBytes(SOCKET s) {
+    int fd;
+    if (!ToFd(s, fd)) return -1;
+    int n = 0;
+    if (ioctl(fd, FIONREAD, &n) != 0) return FailErrno();
+    return n;
+}
+
 int KvnConnect(SOCKET s, DWORD address, unsigned short port) {
     int fd;
     if (!ToFd(s, fd)) return -1;

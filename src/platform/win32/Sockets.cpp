@@ -15,6 +15,7 @@
 
 #include <ws2tcpip.h>
 
+#include <climits>
 #include <cstring>
 
 namespace {
@@ -142,6 +143,12 @@ int KvnBind(SOCKET s, DWORD address, unsigned short port) {
 int KvnSetNonBlocking(SOCKET s, BOOL nonBlocking) {
     u_long mode = nonBlocking ? 1 : 0;
     return ioctlsocket(s, FIONBIO, &mode);
+}
+
+int KvnPendingBytes(SOCKET s) {
+    u_long n = 0;
+    if (ioctlsocket(s, FIONREAD, &n) != 0) return -1;
+    return n > static_cast<u_long>(INT_MAX) ? INT_MAX : static_cast<int>(n);
 }
 
 int KvnConnect(SOCKET s, DWORD address, unsigned short port) {
