@@ -16,6 +16,8 @@
 
 #include <korvane/platform/KvnTypes.h>
 
+#include "platform/Kernel.h"
+
 namespace kvn_posix {
 
 struct ThreadState;
@@ -117,7 +119,7 @@ KernelObject* CreateObject(ObjectKind kind);
 // The object behind an open handle of any kind, or null.
 inline KernelObject* OpenObject(HANDLE h) {
     KernelObject* o = static_cast<KernelObject*>(h);
-    if (h == nullptr || h == INVALID_HANDLE_VALUE || (o->tag.load(std::memory_order_acquire) & kOpen) == 0) return nullptr;
+    if (!KvnIsHandleOpen(h) || (o->tag.load(std::memory_order_acquire) & kOpen) == 0) return nullptr;
     return o;
 }
 void Reference(KernelObject* o);

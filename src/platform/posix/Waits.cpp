@@ -370,7 +370,7 @@ DWORD KvnWaitForMultipleObjects(DWORD count, const HANDLE* handles, DWORD timeou
 }
 
 kvn::DWORD kvn::WaitForSingleObject(kvn::HANDLE h, kvn::DWORD timeoutMs) {
-    return WaitAny(1, &h, timeoutMs);
+    return KvnWaitForSingleObject(h, timeoutMs);
 }
 
 kvn::DWORD kvn::WaitForMultipleObjects(kvn::DWORD count, const kvn::HANDLE* handles,
